@@ -1,0 +1,7 @@
+#ifndef AKUDOA_AKUDOA_H
+#define AKUDOA_AKUDOA_H
+
+// Umbrella header: every public header of the library.
+#include "AKUDoa/base/akudoaexport.h"
+
+#endif

@@ -1,0 +1,2 @@
+// Placeholder translation unit until the base sources exist.
+namespace akudoa_anchor { int anchor = 0; }

@@ -1,0 +1,39 @@
+# Compiler flags shared by the library, its tests, tools and benchmarks.
+
+# Results must not depend on whether the compiler fuses a*b+c: fused
+# multiply-adds are written out explicitly where the arithmetic wants them.
+add_compile_options(-ffp-contract=off -Wall -Wextra)
+if(AKUDOA_WERROR)
+  add_compile_options(-Werror)
+endif()
+
+# Target architecture. x86_64 builds assume x86-64-v3 (AVX2 + FMA): the
+# four-lane math needs a hardware fused multiply-add to match AArch64 bit for
+# bit. AVX-512 VNNI is picked at run time from files suffixed _avx512.
+set(AKUDOA_ARCH "generic")
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64|ARM64)$")
+  set(AKUDOA_ARCH "aarch64")
+elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|amd64)$")
+  set(AKUDOA_ARCH "x86_64")
+  if(NOT AKUDOA_FORCE_SCALAR)
+    add_compile_options(-march=x86-64-v3)
+  endif()
+endif()
+if(AKUDOA_FORCE_SCALAR)
+  add_compile_definitions(AKUDOA_FORCE_SCALAR=1)
+endif()
+if(AKUDOA_CHECK_SIMD)
+  add_compile_definitions(AKUDOA_CHECK_SIMD=1)
+endif()
+
+if(AKUDOA_SANITIZE AND AKUDOA_TSAN)
+  message(FATAL_ERROR "AKUDOA_SANITIZE and AKUDOA_TSAN cannot be combined")
+endif()
+if(AKUDOA_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+if(AKUDOA_TSAN)
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+endif()

@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Installs every build and test dependency from Debian's packages.
+# Idempotent: prints nothing and installs nothing when all is present.
+#   scripts/setup-deps.sh          native build, tests, benchmarks, tools
+#   scripts/setup-deps.sh --arm    also the AArch64 cross toolchain and emulator
+set -euo pipefail
+
+want_arm=0
+for arg in "$@"; do
+  case "$arg" in
+    --arm) want_arm=1 ;;
+    *) echo "usage: $0 [--arm]" >&2; exit 2 ;;
+  esac
+done
+
+native=(cmake make g++ pkgconf libfftw3-dev libiniparser-dev libgtest-dev libgmock-dev
+        libbenchmark-dev libsndfile1-dev libpng-dev python3 python3-numpy python3-scipy)
+arm=(g++-aarch64-linux-gnu qemu-user pkgconf:arm64 libstdc++6:arm64 libgomp1:arm64
+     libfftw3-dev:arm64 libiniparser-dev:arm64 libgtest-dev:arm64)
+
+missing() {
+  local p
+  for p in "$@"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q '^install ok installed$' || echo "$p"
+  done
+}
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+
+pkgs=("${native[@]}")
+if [ "$want_arm" -eq 1 ]; then
+  if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+    $SUDO dpkg --add-architecture arm64
+    $SUDO apt-get update -qq
+  fi
+  pkgs+=("${arm[@]}")
+fi
+
+todo=$(missing "${pkgs[@]}")
+if [ -n "$todo" ]; then
+  echo "setup-deps: installing:" $todo
+  $SUDO apt-get update -qq
+  # shellcheck disable=SC2086
+  $SUDO apt-get install -y -qq --no-install-recommends $todo >/dev/null
+fi

@@ -1,0 +1,5 @@
+#include <gtest/gtest.h>
+
+#include "AKUDoa/akudoa.h"
+
+TEST(Build, UmbrellaHeaderCompiles) { SUCCEED(); }
