@@ -3,5 +3,7 @@
 
 // Umbrella header: every public header of the library.
 #include "AKUDoa/base/akudoaexport.h"
+#include "AKUDoa/akudoacamcfg.h"
+#include "AKUDoa/akudoafreqbands.h"
 
 #endif
