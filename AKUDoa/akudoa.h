@@ -3,5 +3,8 @@
 
 // Umbrella header: every public header of the library.
 #include "AKUDoa/base/akudoaexport.h"
+#include "AKUDoa/base/akudoaneon.h"
+#include "AKUDoa/base/akudoamath.h"
+#include "AKUDoa/base/akudoalogging.h"
 
 #endif
