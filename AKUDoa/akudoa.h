@@ -3,5 +3,7 @@
 
 // Umbrella header: every public header of the library.
 #include "AKUDoa/base/akudoaexport.h"
+#include "AKUDoa/base/akudoamatrix.h"
+#include "AKUDoa/base/akudoaarray.h"
 
 #endif
