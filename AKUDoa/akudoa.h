@@ -3,5 +3,12 @@
 
 // Umbrella header: every public header of the library.
 #include "AKUDoa/base/akudoaexport.h"
+#include "AKUDoa/akudoacamcfg.h"
+#include "AKUDoa/akudoafreqbands.h"
+#include "AKUDoa/base/akudoamatrix.h"
+#include "AKUDoa/base/akudoaarray.h"
+#include "AKUDoa/base/akudoaneon.h"
+#include "AKUDoa/base/akudoamath.h"
+#include "AKUDoa/base/akudoalogging.h"
 
 #endif

@@ -18,10 +18,19 @@ native=(cmake make g++ pkgconf libfftw3-dev libiniparser-dev libgtest-dev libgmo
 arm=(g++-aarch64-linux-gnu qemu-user pkgconf:arm64 libstdc++6:arm64 libgomp1:arm64
      libfftw3-dev:arm64 libiniparser-dev:arm64 libgtest-dev:arm64)
 
+# A package counts as present only for the architecture asked for: with arm64
+# added, a plain name such as libfftw3-dev may be installed twice (once per
+# architecture), and dpkg-query then reports one status line for each.
+native_arch=$(dpkg --print-architecture)
 missing() {
-  local p
+  local p name arch st
   for p in "$@"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q '^install ok installed$' || echo "$p"
+    case "$p" in
+      *:*) name=${p%%:*}; arch=${p##*:} ;;
+      *)   name=$p; arch=$native_arch ;;
+    esac
+    st=$(dpkg-query -W -f='${Architecture} ${Status}\n' "$name" 2>/dev/null || true)
+    grep -Eq "^($arch|all) install ok installed\$" <<<"$st" || echo "$p"
   done
 }
 
@@ -31,9 +40,10 @@ export DEBIAN_FRONTEND=noninteractive
 
 pkgs=("${native[@]}")
 if [ "$want_arm" -eq 1 ]; then
+  # The cross compiler is native; the libraries it links come from Debian's
+  # arm64 multiarch packages, which the emulator also loads at run time.
   if ! dpkg --print-foreign-architectures | grep -qx arm64; then
     $SUDO dpkg --add-architecture arm64
-    $SUDO apt-get update -qq
   fi
   pkgs+=("${arm[@]}")
 fi

@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Cross-builds the AArch64 variant in build-arm/ and runs the emulated subset
+# under qemu-aarch64: every vector-kernel-versus-reference suite (names
+# starting with Simd), the four-lane math, and the small end-to-end imaging
+# case (EndToEndSmall). The subset runs twice: on a processor model with the
+# Arm dot-product instructions and on one without, so both run-time paths
+# are exercised.
+#   scripts/test-arm.sh               set up (scripts/setup-deps.sh --arm), build, run
+#   scripts/test-arm.sh -R Foo ...    extra arguments go to both ctest runs
+# Environment: AKUDOA_WERROR=ON|OFF (default OFF), AKUDOA_ARM_CPUS (the
+# models to run on, default "neoverse-n1 cortex-a72").
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup-deps.sh --arm
+
+dir=build-arm
+jobs=$(nproc)
+cpus=${AKUDOA_ARM_CPUS:-"neoverse-n1 cortex-a72"}
+# gtest names are Suite.Case, or Instance/Suite.Case/N when parameterised.
+subset='^([A-Za-z0-9_]+/)?(Simd[A-Za-z0-9_]*|EndToEndSmall)\.'
+
+cmake -S . -B "$dir" \
+  -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchain-aarch64.cmake" \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DAKUDOA_BUILD_TESTS=ON -DAKUDOA_BUILD_TOOLS=OFF -DAKUDOA_BUILD_BENCH=OFF \
+  -DAKUDOA_WERROR="${AKUDOA_WERROR:-OFF}" >/dev/null
+cmake --build "$dir" -j"$jobs"
+
+# A suite that does not exist yet matches nothing and is not an error; the
+# count shows how much of the subset actually ran.
+count=$(ctest --test-dir "$dir" -N -R "$subset" | sed -n 's/^Total Tests: //p')
+echo "test-arm: ${count:-0} tests in the emulated subset"
+
+# Asimd dot product: bit 20 of AT_HWCAP. The loader reports the processor's
+# capabilities, which proves that the model really has (or lacks) the feature.
+hwcap_dotprod() {
+  local cap
+  cap=$(QEMU_CPU=$1 qemu-aarch64 /lib/ld-linux-aarch64.so.1 --list-diagnostics \
+        | sed -n 's/^dl_hwcap=//p')
+  if (( (cap >> 20) & 1 )); then echo yes; else echo no; fi
+}
+
+for cpu in $cpus; do
+  echo "== AArch64 subset on qemu -cpu $cpu (dot product: $(hwcap_dotprod "$cpu"))"
+  start=$SECONDS
+  QEMU_CPU=$cpu ctest --test-dir "$dir" --output-on-failure -j"$jobs" \
+    --no-tests=ignore -R "$subset" "$@"
+  echo "test-arm: $cpu took $((SECONDS - start)) s"
+done
