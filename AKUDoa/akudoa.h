@@ -12,3 +12,4 @@
 #include "AKUDoa/base/akudoalogging.h"
 
 #endif
+#include "AKUDoa/akudoacordinate.h"
