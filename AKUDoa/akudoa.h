@@ -10,6 +10,6 @@
 #include "AKUDoa/base/akudoaneon.h"
 #include "AKUDoa/base/akudoamath.h"
 #include "AKUDoa/base/akudoalogging.h"
+#include "AKUDoa/akudoacordinate.h"
 
 #endif
-#include "AKUDoa/akudoacordinate.h"
