@@ -7,5 +7,6 @@
 #include "AKUDoa/akudoafreqbands.h"
 #include "AKUDoa/base/akudoamatrix.h"
 #include "AKUDoa/base/akudoaarray.h"
+#include "AKUDoa/base/akufftwindow.h"
 
 #endif
