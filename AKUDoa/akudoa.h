@@ -7,6 +7,9 @@
 #include "AKUDoa/akudoafreqbands.h"
 #include "AKUDoa/base/akudoamatrix.h"
 #include "AKUDoa/base/akudoaarray.h"
+#include "AKUDoa/base/akudoaneon.h"
+#include "AKUDoa/base/akudoamath.h"
+#include "AKUDoa/base/akudoalogging.h"
 #include "AKUDoa/base/akufftwindow.h"
 
 #endif
