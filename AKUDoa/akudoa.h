@@ -11,5 +11,6 @@
 #include "AKUDoa/base/akudoamath.h"
 #include "AKUDoa/base/akudoalogging.h"
 #include "AKUDoa/akudoacordinate.h"
+#include "AKUDoa/base/akufftwindow.h"
 
 #endif
