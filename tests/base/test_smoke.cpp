@@ -1,5 +1,0 @@
-#include <gtest/gtest.h>
-
-#include "AKUDoa/akudoa.h"
-
-TEST(Build, UmbrellaHeaderCompiles) { SUCCEED(); }
