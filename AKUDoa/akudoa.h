@@ -11,5 +11,7 @@
 #include "AKUDoa/base/akudoamath.h"
 #include "AKUDoa/base/akudoalogging.h"
 #include "AKUDoa/base/akufftwindow.h"
+#include "AKUDoa/iir/akufilter.h"
+#include "AKUDoa/iir/akuiirdesigner.h"
 
 #endif
