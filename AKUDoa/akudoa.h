@@ -10,6 +10,7 @@
 #include "AKUDoa/base/akudoaneon.h"
 #include "AKUDoa/base/akudoamath.h"
 #include "AKUDoa/base/akudoalogging.h"
+#include "AKUDoa/akudoacordinate.h"
 #include "AKUDoa/base/akufftwindow.h"
 #include "AKUDoa/iir/akufilter.h"
 #include "AKUDoa/iir/akuiirdesigner.h"
