@@ -13,5 +13,7 @@
 #include "AKUDoa/akudoacordinate.h"
 #include "AKUDoa/base/akufftwindow.h"
 #include "AKUDoa/akudoapickupv4.h"
+#include "AKUDoa/iir/akufilter.h"
+#include "AKUDoa/iir/akuiirdesigner.h"
 
 #endif
