@@ -167,7 +167,7 @@ void AKUDoaPickupV4Private::processPickup(AKUDoaFreqBands& bands, vec_fp32* out)
     const bool fullBand = cfg->pickupFullBand;
     const std::vector<doaFreqInfo> list = fullBand ? std::vector<doaFreqInfo>() : bands.data();
     const float* win = fftWindow->data;
-    akudoa_fftwf_complex* spec = spectrum->data;
+    akudoa_fftwf_complex* fwd = spectrum->data;
     akudoa_fftwf_complex* mask = masked->data;
     const int nGroups = 4 * (n / 4);
     for (int p = 0; p < 2; ++p) {
@@ -179,8 +179,8 @@ void AKUDoaPickupV4Private::processPickup(AKUDoaFreqBands& bands, vec_fp32* out)
         if (fullBand) {
             // Only the first N/2 + 1 entries reach the inverse transform.
             for (int k = 0; k <= half; ++k) {
-                mask[k][0] = spec[k][0] * win[k];
-                mask[k][1] = spec[k][1] * win[k];
+                mask[k][0] = fwd[k][0] * win[k];
+                mask[k][1] = fwd[k][1] * win[k];
             }
         } else {
             for (size_t i = 0; i < list.size(); ++i) {
@@ -188,8 +188,8 @@ void AKUDoaPickupV4Private::processPickup(AKUDoaFreqBands& bands, vec_fp32* out)
                 if (k < 0 || k >= n)
                     continue;
                 // The window value of the same index weights the bin.
-                mask[k][0] = spec[k][0] * win[k];
-                mask[k][1] = spec[k][1] * win[k];
+                mask[k][0] = fwd[k][0] * win[k];
+                mask[k][1] = fwd[k][1] * win[k];
             }
         }
         fftwf_execute(inversePlan);

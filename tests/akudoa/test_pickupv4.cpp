@@ -120,13 +120,13 @@ Simulated simulate(const StCamCfg& cfg, Dir dir, int len, double loHz, double hi
 {
     const int bins = len / 2 + 1;
     const double fs = cfg.sampleFrequency;
-    std::vector<std::complex<double>> spec(bins);
+    std::vector<std::complex<double>> shape(bins);
     std::mt19937 rng(seed);
     std::normal_distribution<double> g(0.0, 1.0);
     for (int k = 0; k < bins; ++k) {
         const double f = k * fs / len;
         if (tone ? (k == static_cast<int>(std::lround(loHz * len / fs))) : (f >= loHz && f <= hiHz))
-            spec[k] = tone ? std::complex<double>(len / 2.0, 0.0) : std::complex<double>(g(rng), g(rng));
+            shape[k] = tone ? std::complex<double>(len / 2.0, 0.0) : std::complex<double>(g(rng), g(rng));
     }
     float* in = fftwf_alloc_real(len);
     fftwf_complex* sp = fftwf_alloc_complex(bins);
@@ -134,7 +134,7 @@ Simulated simulate(const StCamCfg& cfg, Dir dir, int len, double loHz, double hi
     auto synth = [&](double tau, std::vector<float>& out) {
         for (int k = 0; k < bins; ++k) {
             // The wave reaches this point tau seconds before the centre.
-            const std::complex<double> x = spec[k] * std::polar(1.0, 2 * kPi * k * fs / len * tau);
+            const std::complex<double> x = shape[k] * std::polar(1.0, 2 * kPi * k * fs / len * tau);
             sp[k][0] = static_cast<float>(x.real());
             sp[k][1] = static_cast<float>(x.imag());
         }
