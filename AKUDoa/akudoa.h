@@ -14,5 +14,6 @@
 #include "AKUDoa/base/akufftwindow.h"
 #include "AKUDoa/iir/akufilter.h"
 #include "AKUDoa/iir/akuiirdesigner.h"
+#include "AKUDoa/akucluster.h"
 
 #endif
