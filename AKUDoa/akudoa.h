@@ -15,5 +15,6 @@
 #include "AKUDoa/akudoapickupv4.h"
 #include "AKUDoa/iir/akufilter.h"
 #include "AKUDoa/iir/akuiirdesigner.h"
+#include "AKUDoa/akucluster.h"
 
 #endif
