@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "AKUDoa/akucluster.h"
 #include "AKUDoa/akudoacamcfg.h"
 #include "AKUDoa/akudoadot_p.h"
 #include "AKUDoa/base/akudoamatrix.h"
@@ -39,6 +40,7 @@ struct AKUDoaQuantizeV3Private {
     mat2d_fftwfcplx* specBuf = nullptr; // M x N complex (plan output, N/2+1 used)
     bool spectrumSelf = false;
     bool focusRadiusMode = false;
+    AKUCluster* cluster = nullptr; // target-frequency clustering (created in doaInit)
     StCamCfg* cfg = nullptr; // the kernel's record, not owned
 
     // Interpolated image of each table row (programs 53 and 54): B x P, so

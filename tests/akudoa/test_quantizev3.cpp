@@ -576,6 +576,71 @@ TEST_F(V3Test, TargetPowerReadsThePixelOfEachOrientation)
     destroy_mat2d_fp32(frame);
 }
 
+// Target frequency range on hand-made per-bin powers: a peak of `value` at
+// the target pixel in each listed bin row, nothing elsewhere.
+struct RangeFixture {
+    Imager im;
+    explicit RangeFixture(const StCamCfg& c) : im(c) { im.bands.updateBands({{0, 48000, 1}}); }
+    void setPeaks(const std::vector<int>& bins, int r, int c, float value)
+    {
+        mat2d_fp32* bp = im.d()->beamPower;
+        for (int b = 0; b < bp->rows; ++b)
+            std::fill(bp->data[b], bp->data[b] + bp->cols, 0.0f);
+        for (int b : bins)
+            bp->data[b][r * im.cols() + c] = value;
+    }
+};
+
+TEST_F(V3Test, TargetRangeIsTheLargestOfThreeSeparatedGroups)
+{
+    RangeFixture f(makeCfg(16, 12, 10));
+    // Groups {100}, {150..165}, {200..203}: gaps of 50 and 35 bins, the
+    // middle one largest, so the range is exactly the middle group.
+    std::vector<int> bins = {100};
+    for (int b = 150; b <= 165; ++b)
+        bins.push_back(b);
+    for (int b = 200; b <= 203; ++b)
+        bins.push_back(b);
+    f.setPeaks(bins, 5, 4, 0.5f);
+    int lo = 0, hi = 0;
+    float power = 0.0f;
+    f.im.engine.findTargetFreqRange(fpoint2d{0.0f, 6, 5}, f.im.bands, lo, hi, power);
+    EXPECT_EQ(lo, 150 * 96000 / 1024);
+    EXPECT_EQ(hi, 165 * 96000 / 1024);
+    EXPECT_FLOAT_EQ(power, std::sqrt(16 * 0.5f / (15.0f * 16.0f)) / 1024.0f);
+
+    // A peak more than three pixels away, or below 0.01, is not the target's.
+    f.setPeaks(bins, 5, 8, 0.5f);
+    power = 0.0f;
+    f.im.engine.findTargetFreqRange(fpoint2d{0.0f, 6, 4}, f.im.bands, lo, hi, power);
+    EXPECT_EQ(lo, -1);
+    EXPECT_EQ(hi, -1);
+    EXPECT_EQ(power, 0.0f);
+    f.setPeaks(bins, 5, 4, 0.009f);
+    f.im.engine.findTargetFreqRange(fpoint2d{0.0f, 5, 4}, f.im.bands, lo, hi, power);
+    EXPECT_EQ(lo, -1);
+}
+
+TEST_F(V3Test, TargetRangeAtTheImageBorderAndWithALargeLowGroup)
+{
+    RangeFixture f(makeCfg(16, 12, 10));
+    // Low group largest: {60..79}, then {120}, {180}: gap01 = 41 > 20, so the
+    // range is the low group alone. The target sits in the corner, the
+    // search window reaches past the image.
+    std::vector<int> bins;
+    for (int b = 60; b <= 79; ++b)
+        bins.push_back(b);
+    bins.push_back(120);
+    bins.push_back(180);
+    f.setPeaks(bins, 1, 1, 2.0f);
+    int lo = 0, hi = 0;
+    float power = 0.0f;
+    f.im.engine.findTargetFreqRange(fpoint2d{0.0f, 0, 0}, f.im.bands, lo, hi, power);
+    EXPECT_EQ(lo, 60 * 96000 / 1024);
+    EXPECT_EQ(hi, 79 * 96000 / 1024);
+    EXPECT_FLOAT_EQ(power, std::sqrt(20 * 2.0f / (15.0f * 16.0f)) / 1024.0f);
+}
+
 TEST_F(V3Test, ImageDoesNotDependOnTheThreadCount)
 {
     for (int program : {3, 53}) {
@@ -622,6 +687,11 @@ struct FarCase {
     int mics;
     bool average;
 };
+
+void PrintTo(const FarCase& c, std::ostream* os)
+{
+    *os << c.mics << " mics" << (c.average ? ", averaged" : "");
+}
 
 class V3FarField : public V3Test, public ::testing::WithParamInterface<FarCase> {};
 
