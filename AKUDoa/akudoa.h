@@ -10,5 +10,11 @@
 #include "AKUDoa/base/akudoaneon.h"
 #include "AKUDoa/base/akudoamath.h"
 #include "AKUDoa/base/akudoalogging.h"
+#include "AKUDoa/akudoacordinate.h"
+#include "AKUDoa/base/akufftwindow.h"
+#include "AKUDoa/akudoapickupv4.h"
+#include "AKUDoa/iir/akufilter.h"
+#include "AKUDoa/iir/akuiirdesigner.h"
+#include "AKUDoa/akucluster.h"
 
 #endif
