@@ -16,5 +16,6 @@
 #include "AKUDoa/iir/akufilter.h"
 #include "AKUDoa/iir/akuiirdesigner.h"
 #include "AKUDoa/akucluster.h"
+#include "AKUDoa/akudoadistance.h"
 
 #endif
