@@ -7,5 +7,10 @@
 #include "AKUDoa/akudoafreqbands.h"
 #include "AKUDoa/base/akudoamatrix.h"
 #include "AKUDoa/base/akudoaarray.h"
+#include "AKUDoa/base/akudoaneon.h"
+#include "AKUDoa/base/akudoamath.h"
+#include "AKUDoa/base/akudoalogging.h"
+#include "AKUDoa/akudoacordinate.h"
+#include "AKUDoa/base/akufftwindow.h"
 
 #endif
