@@ -12,5 +12,6 @@
 #include "AKUDoa/base/akudoalogging.h"
 #include "AKUDoa/akudoacordinate.h"
 #include "AKUDoa/base/akufftwindow.h"
+#include "AKUDoa/akudoakernel.h"
 
 #endif
