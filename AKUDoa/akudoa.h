@@ -15,5 +15,7 @@
 #include "AKUDoa/iir/akufilter.h"
 #include "AKUDoa/iir/akuiirdesigner.h"
 #include "AKUDoa/akucluster.h"
+#include "AKUDoa/akugaussianprocessregression.h"
+#include "AKUDoa/akudoabalancebk.h"
 
 #endif
