@@ -157,6 +157,27 @@ void BM_ExecuteFFT(benchmark::State& state)
     }
 }
 
+// One table row resident in L2 (786 KB at the defaults), one thread: the
+// compute throughput of each beam-sum path, to compare with the stream
+// bandwidth above.
+void BM_Dot8RowInCache(benchmark::State& state)
+{
+    const std::vector<AKUDoaDot8Path> paths = akudoa_dot8_paths();
+    const AKUDoaDot8Path path = paths[static_cast<size_t>(state.range(0)) % paths.size()];
+    AKUDoaQuantizeV3Private* d = g.engine->privateData();
+    const int b = 300;
+    const int P = kRows * kCols;
+    std::vector<float> out(2 * static_cast<size_t>(P));
+    for (auto _ : state) {
+        path.fn(reinterpret_cast<const int8_t*>(d->fftQuant->data[b]), reinterpret_cast<const int8_t*>(d->steerQuant->data[b]),
+                2 * kMics, P, 1.0f, out.data(), out.data() + P);
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 2 * kMics * P);
+    state.SetLabel(path.name);
+}
+
+BENCHMARK(BM_Dot8RowInCache)->DenseRange(0, 3)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ExecuteDOA_Vector)->UseRealTime()->Unit(benchmark::kMillisecond)->Repetitions(7)->ReportAggregatesOnly(true);
 BENCHMARK(BM_ExecuteDOA_Scalar)->UseRealTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_ExecuteFFT)->UseRealTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
@@ -224,7 +245,7 @@ int main(int argc, char** argv)
     long llc = sysconf(_SC_LEVEL3_CACHE_SIZE);
     if (llc <= 0)
         llc = 32L << 20;
-    const size_t streamBytes = std::max<size_t>(size_t(1) << 30, size_t(llc) * 16);
+    const size_t streamBytes = std::max<size_t>(size_t(1) << 30, size_t(llc) * 4);
     g.bandwidth = streamBandwidth(streamBytes);
 
     std::printf("config: %d mics, %dx%d image, N=%d, %d Hz, band 20-40 kHz (%d bins), %d OpenMP threads, "
