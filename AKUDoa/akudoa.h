@@ -12,5 +12,10 @@
 #include "AKUDoa/base/akudoalogging.h"
 #include "AKUDoa/akudoacordinate.h"
 #include "AKUDoa/base/akufftwindow.h"
+#include "AKUDoa/akudoapickupv4.h"
+#include "AKUDoa/iir/akufilter.h"
+#include "AKUDoa/iir/akuiirdesigner.h"
+#include "AKUDoa/akucluster.h"
+#include "AKUDoa/akudoadistance.h"
 
 #endif

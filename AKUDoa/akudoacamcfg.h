@@ -58,6 +58,7 @@ struct StCamCfg {
     float micPhi[AKUDOA_MAX_MIC_NUM];     // azimuth in radians, -pi..pi
     float micRadius[AKUDOA_MAX_MIC_NUM];  // distance from the array centre, metres
     float micSensitivity[AKUDOA_MAX_SENSITIVITY_BINS]; // gain per FFT bin, frameSize/2+1 used
+    bool pickupFullBand;        // pickup passes every bin instead of the band list; cleared by init, no INI key
 };
 
 #endif
