@@ -12,10 +12,13 @@
 #include "AKUDoa/base/akudoalogging.h"
 #include "AKUDoa/akudoacordinate.h"
 #include "AKUDoa/base/akufftwindow.h"
+#include "AKUDoa/akudoakernel.h"
 #include "AKUDoa/akudoapickupv4.h"
 #include "AKUDoa/iir/akufilter.h"
 #include "AKUDoa/iir/akuiirdesigner.h"
 #include "AKUDoa/akucluster.h"
+#include "AKUDoa/akugaussianprocessregression.h"
+#include "AKUDoa/akudoabalancebk.h"
 #include "AKUDoa/akudoadistance.h"
 
 #endif

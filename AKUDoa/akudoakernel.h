@@ -1,0 +1,66 @@
+#ifndef AKUDOA_AKUDOAKERNEL_H
+#define AKUDOA_AKUDOAKERNEL_H
+
+#include "AKUDoa/akudoacamcfg.h"
+#include "AKUDoa/akudoafreqbands.h"
+#include "AKUDoa/base/akudoaexport.h"
+#include "AKUDoa/base/akudoamatrix.h"
+
+struct AKUDoaKernelPrivate;
+
+// The library's facade: reads the configuration, owns the engines, the band
+// manager, the frame buffers and the locks, and serves every host call.
+//
+// Life cycle: construct, init(path) once before any other thread touches the
+// object, then per frame one of the readout calls from one capture thread.
+class AKUDOA_EXPORT AKUDoaKernel {
+public:
+    using DOAProgarm = ::DOAProgarm;
+    static constexpr DOAProgarm DOA_PROGRAM_V3 = ::DOA_PROGRAM_V3;
+    static constexpr DOAProgarm DOA_PROGRAM_V4 = ::DOA_PROGRAM_V4;
+    static constexpr DOAProgarm DOA_PROGRAM_V5_PROCESS_3 = ::DOA_PROGRAM_V5_PROCESS_3;
+    static constexpr DOAProgarm DOA_PROGRAM_V5_PROCESS_4 = ::DOA_PROGRAM_V5_PROCESS_4;
+
+    AKUDoaKernel();
+    ~AKUDoaKernel();
+    AKUDoaKernel(const AKUDoaKernel&) = delete;
+    AKUDoaKernel& operator=(const AKUDoaKernel&) = delete;
+
+    // Loads the INI file at path and builds everything the configured program
+    // needs. False when the file cannot be loaded or parsed. An unsupported
+    // microphone count ends the process (status 0) after printing a notice to
+    // standard output. A second call releases what the first one built.
+    bool init(const char* path);
+
+    // Heat-map readout. All return false without touching anything when the
+    // frame is null, init has not finished, or the engine the call needs has
+    // not been created.
+    bool readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, vec_fp32* spectrum, int channel);
+    bool readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, fpoint2d target, float& distance,
+                     vec_fp32* spectrum, int channel);
+    bool readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, fpoint2d target, int& lowBin, int& highBin,
+                     float& power, vec_fp32* spectrum, int channel);
+    bool readHeatMapExtra(mat2d_fp32* frame, mat2d_fp32* heatMap);
+    bool readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2d_fp32* heatMap1);
+    bool readPickedUpAudio(mat2d_fp32* frame, vec_fp32* audio, fpoint2d target);
+
+    // The band manager built by init (null before), for band and black-list
+    // changes by the host. The kernel takes no lock for it.
+    AKUDoaFreqBands* freqBandsManager();
+
+    int neededChannelsCount() const; // capture channels, always 128
+    int channelsCount() const;       // microphones in the array
+    int audioRecoverLength() const;  // samples per frame
+    int imgRows() const;
+    int imgCols() const;
+    int imgFac() const;
+    int samlpeRate() const;          // Hz
+
+    static const char* DoaVersion(); // "5.1.0.0"
+
+private:
+    friend class AKUDoaKernelInspector; // white-box access for tests
+    AKUDoaKernelPrivate* d;
+};
+
+#endif

@@ -1,0 +1,75 @@
+#ifndef AKUDOA_AKUDOAKERNEL_P_H
+#define AKUDOA_AKUDOAKERNEL_P_H
+
+#include <deque>
+#include <mutex>
+
+#include "AKUDoa/akudoakernel.h"
+
+// Engines and processing objects; each is declared by its own header.
+class IAKUDoaQuantize;
+class AKUDoaPickupV4;
+class AKUDoaDistance;
+class AKUDoaExtra;
+class AKUDoaQuantizeLine;
+struct _dictionary_;
+
+// All state of AKUDoaKernel. The camera record comes first: engines keep a
+// pointer to it for their whole life, so the record never moves.
+struct AKUDoaKernelPrivate {
+    StCamCfg cfg;
+
+    int32_t inited = 0;        // 1 after a successful init
+    int32_t channels = 128;    // copies of the configuration taken in init
+    int32_t sampleRate = 96000;
+    int32_t frameSize = 1024;
+    bool spectrumSelf = false; // forwarded to the planar engine
+    bool focusRadius = false;
+
+    IAKUDoaQuantize* doaEngine = nullptr;  // planar engine V3 or V4
+    AKUDoaPickupV4* pickup = nullptr;
+    AKUDoaDistance* distance = nullptr;    // only with distance measurement on
+    AKUDoaExtra* extra = nullptr;          // only with the extended view on
+    AKUDoaQuantizeLine* lineEngine[2] = {nullptr, nullptr}; // linear-array mode, groups 0 and 1
+    AKUDoaFreqBands* freqBands = nullptr;
+
+    mat2d_fp32* doaFrame = nullptr;   // channels x frameSize, array order
+    mat2d_fp32* extraFrame = nullptr; // same, for the extended view
+    std::deque<mat2d_fp32*> framePool; // pickup ring: back = newest frame
+    mat2d_fp32* heatMap = nullptr;    // raw engine map when correction is on
+    vec_fp32* cordinate = nullptr;    // rows x cols x 2: (u, v) per heat-map cell
+
+    // Lock order: doaMutex before cordinateMutex; pickupMutex never nests.
+    std::mutex cordinateMutex; // cordinate and the correction coefficients
+    std::mutex doaMutex;       // doaEngine, extra, lineEngine and their settings
+    std::mutex pickupMutex;    // pickup
+
+    // The parsed INI file. micFile and micSenCalibrationFile point into it,
+    // so it lives as long as the kernel.
+    _dictionary_* ini = nullptr;
+
+    AKUDoaKernelPrivate();
+
+    // Copies the caller's frame into dst in array order: row r of dst is row
+    // micIndex[r] of frame, dst->cols samples each. No dimension checks.
+    void pushFrame(const mat2d_fp32* frame, mat2d_fp32* dst) const;
+    void pushDoaAudioFrame(const mat2d_fp32* frame) { pushFrame(frame, doaFrame); }
+    void pushExtraAudioFrame(const mat2d_fp32* frame) { pushFrame(frame, extraFrame); }
+    // Writes the frame over the oldest pool buffer and makes it the newest.
+    void pushPickUpAudioFrame(const mat2d_fp32* frame);
+
+    // Releases every object and buffer built by init (not the dictionary).
+    void releaseObjects();
+};
+
+// Read-only access to the private record, for tests.
+class AKUDoaKernelInspector {
+public:
+    static AKUDoaKernelPrivate* d(AKUDoaKernel& k) { return k.d; }
+};
+
+// Built-in geometry of a supported microphone count, for engines and tests.
+// Returns false for an unsupported count. Fills count entries of each array.
+bool akudoa_builtin_geometry(int count, int32_t* index, float* phi, float* radius);
+
+#endif
