@@ -17,6 +17,8 @@
 #include "AKUDoa/iir/akufilter.h"
 #include "AKUDoa/iir/akuiirdesigner.h"
 #include "AKUDoa/akucluster.h"
+#include "AKUDoa/akugaussianprocessregression.h"
+#include "AKUDoa/akudoabalancebk.h"
 #include "AKUDoa/akudoadistance.h"
 
 #endif
