@@ -599,6 +599,11 @@ int AKUDoaKernel::samlpeRate() const
     return d->cfg.sampleFrequency;
 }
 
+const StCamCfg* AKUDoaKernel::camConfig() const
+{
+    return &d->cfg;
+}
+
 const char* AKUDoaKernel::DoaVersion()
 {
     return kVersion;
