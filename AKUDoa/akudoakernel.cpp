@@ -413,7 +413,7 @@ bool AKUDoaKernel::init(const char* path)
     d->sampleRate = c.sampleFrequency;
     d->frameSize = c.frameSize;
 
-    // Default band: the upper octave-ish range where the array resolves well.
+    // Default imaging band, by sample rate; unknown rates get the 96 kHz band.
     freqBandWidth band{20000, 40000, 1};
     switch (d->sampleRate) {
     case 48000:
