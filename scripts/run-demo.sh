@@ -20,7 +20,7 @@ config=examples/camera-128.ini
 scene=examples/scene-two-sources.ini
 build/tools/akudoa simulate --config "$config" --scene "$scene" --out "$out/recording.wav"
 echo
-build/tools/akudoa image --config "$config" --in "$out/recording.wav" --out "$out" --every 5
+build/tools/akudoa image --config "$config" --in "$out/recording.wav" --out "$out" --every 5 --colorbar
 echo
 echo "heat maps:  $(ls "$out"/frame_*.png | head -1) ... ($(ls "$out"/frame_*.png | wc -l) PNGs)"
 echo "peak CSV:   $out/peaks.csv"
