@@ -199,6 +199,8 @@ void AKUDoaKernelPrivate::pushFrame(const mat2d_fp32* frame, mat2d_fp32* dst) co
 
 void AKUDoaKernelPrivate::pushPickUpAudioFrame(const mat2d_fp32* frame)
 {
+    if (framePool.empty()) // linear-array mode has no pickup ring
+        return;
     mat2d_fp32* oldest = framePool.front();
     pushFrame(frame, oldest);
     framePool.pop_front();
@@ -212,12 +214,12 @@ void AKUDoaKernelPrivate::releaseObjects()
     // The pickup, the planar engine, the distance measurer, the extended-view
     // engine and the two linear engines are released here, in that order,
     // once their classes exist; until then init never creates them.
+    delete freqBands;
+    freqBands = nullptr;
     destroy_mat2d_fp32(doaFrame);
     doaFrame = nullptr;
     destroy_mat2d_fp32(extraFrame);
     extraFrame = nullptr;
-    delete freqBands;
-    freqBands = nullptr;
     for (mat2d_fp32* m : framePool)
         destroy_mat2d_fp32(m);
     framePool.clear();
@@ -500,8 +502,9 @@ bool AKUDoaKernel::init(const char* path)
     return true;
 }
 
-// The engines behind the readout calls are created by init once their
-// classes exist; until then every readout is refused.
+// Readout. init does not build the engines behind these calls yet, so each
+// refuses like a call before init; the guards below stay valid once the
+// engines are wired in and the engine paths replace the final return.
 bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, vec_fp32* spectrum, int channel)
 {
     (void)heatMap;
@@ -509,7 +512,7 @@ bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, vec_fp32*
     (void)channel;
     if (!frame || d->cfg.initFlag != 1 || !d->doaEngine)
         return false;
-    return false;
+    return false; // engine path: frame copy, executeDOA, correction, powerSpec
 }
 
 bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, fpoint2d target, float& distance,
@@ -535,7 +538,7 @@ bool AKUDoaKernel::readHeatMapExtra(mat2d_fp32* frame, mat2d_fp32* heatMap)
     (void)heatMap;
     if (!frame || d->cfg.initFlag != 1 || !d->cfg.extraEn || !d->extra)
         return false;
-    return false;
+    return false; // engine path: frame copy, extra->executeDOA
 }
 
 bool AKUDoaKernel::readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2d_fp32* heatMap1)
@@ -544,7 +547,7 @@ bool AKUDoaKernel::readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2
     (void)heatMap1;
     if (!frame || d->cfg.initFlag != 1 || !d->lineEngine[0] || !d->lineEngine[1])
         return false;
-    return false;
+    return false; // engine path: frame copy, executeDOA on both line engines
 }
 
 bool AKUDoaKernel::readPickedUpAudio(mat2d_fp32* frame, vec_fp32* audio, fpoint2d target)
@@ -553,7 +556,7 @@ bool AKUDoaKernel::readPickedUpAudio(mat2d_fp32* frame, vec_fp32* audio, fpoint2
     (void)target;
     if (!frame || d->cfg.initFlag != 1 || !d->pickup)
         return false;
-    return false;
+    return false; // pickup path: pool rotation, target correction, executePickup
 }
 
 AKUDoaFreqBands* AKUDoaKernel::freqBandsManager()
@@ -594,6 +597,11 @@ int AKUDoaKernel::imgFac() const
 int AKUDoaKernel::samlpeRate() const
 {
     return d->cfg.sampleFrequency;
+}
+
+const StCamCfg* AKUDoaKernel::camConfig() const
+{
+    return &d->cfg;
 }
 
 const char* AKUDoaKernel::DoaVersion()

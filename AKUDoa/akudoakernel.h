@@ -56,6 +56,11 @@ public:
     int imgFac() const;
     int samlpeRate() const;          // Hz
 
+    // The configuration record filled by init (geometry, image grid, focus),
+    // read-only, for tools that need more than the accessors above. Valid
+    // for the life of the kernel; its contents change only in init.
+    const StCamCfg* camConfig() const;
+
     static const char* DoaVersion(); // "5.1.0.0"
 
 private:

@@ -47,7 +47,11 @@ Lanes lanesOf(float32x4_t x)
 
 float32x4_t vec(float a, float b, float c, float d)
 {
-    const float v[4] = {a, b, c, d};
+    // Read through volatile so that the compiler cannot evaluate a test's
+    // expression at compile time: GCC folds a constant vaddvq_f32 left to
+    // right on AArch64, not in the pairwise order of the instruction.
+    volatile float in[4] = {a, b, c, d};
+    const float v[4] = {in[0], in[1], in[2], in[3]};
     return vld1q_f32(v);
 }
 
@@ -427,9 +431,15 @@ TEST(SimdMathNeon, MaxMinPropagateNaNAndOrderSignedZeros)
 
 TEST(SimdMathNeon, HorizontalSumIsPairwise)
 {
-    // (a0 + a1) + (a2 + a3); 1e8 + 1 rounds back to 1e8.
-    EXPECT_EQ(vaddvq_f32(vec(1e8f, -1e8f, 1.0f, 1.0f)), 2.0f);  // (a0+a2)+(a1+a3) gives 0
-    EXPECT_EQ(vaddvq_f32(vec(1.0f, 1e8f, -1e8f, 1.0f)), 0.0f);  // left to right gives 1
+    // (a0 + a1) + (a2 + a3); 1e8 + 1 rounds back to 1e8. The lanes pass
+    // through volatile storage: GCC 12 folds vaddvq_f32 of constant vectors
+    // left to right, unlike the FADDP instructions it emits at run time.
+    volatile float a[8] = {1e8f, -1e8f, 1.0f, 1.0f, 1.0f, 1e8f, -1e8f, 1.0f};
+    float v[8];
+    for (int i = 0; i < 8; ++i)
+        v[i] = a[i];
+    EXPECT_EQ(vaddvq_f32(vld1q_f32(v)), 2.0f);     // (a0+a2)+(a1+a3) gives 0
+    EXPECT_EQ(vaddvq_f32(vld1q_f32(v + 4)), 0.0f); // left to right gives 1
 }
 
 TEST(SimdMathNeon, FusedAndUnfusedMultiplyAdd)

@@ -1,0 +1,64 @@
+// AVX2 int8 beam sums. The spectrum bytes are sign-extended to int16 once
+// per call; each 16-byte steering block is sign-extended and multiplied
+// with vpmaddwd, so every product and pair sum is exact (no saturating
+// byte multiply), which keeps the result equal to the reference for any
+// int8 input.
+#include "AKUDoa/akudoadot_p.h"
+
+#include <immintrin.h>
+
+namespace {
+constexpr int kMaxM2 = 1024; // 512 microphones; larger arrays use the reference
+}
+
+void akudoa_dot8_avx2(const int8_t* a, const int8_t* s, int m2, int npix, float f, float* outRe,
+                      float* outIm)
+{
+    if (m2 > kMaxM2 || m2 <= 0) {
+        akudoa_dot8_ref(a, s, m2, npix, f, outRe, outIm);
+        return;
+    }
+    alignas(32) int16_t ar[kMaxM2];
+    alignas(32) int16_t ai[kMaxM2];
+    for (int n = 0; n < m2; ++n) {
+        ar[n] = a[n];
+        ai[n] = a[m2 + n];
+    }
+    const int n16 = m2 & ~15;
+    const bool has8 = (m2 & 8) != 0;
+    const int tail = m2 & ~7;
+    for (int p = 0; p < npix; ++p) {
+        const int8_t* sp = s + static_cast<long>(p) * m2;
+        __m256i accR = _mm256_setzero_si256();
+        __m256i accI = _mm256_setzero_si256();
+        for (int n = 0; n < n16; n += 16) {
+            const __m256i sv =
+                _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(sp + n)));
+            accR = _mm256_add_epi32(
+                accR, _mm256_madd_epi16(sv, _mm256_load_si256(reinterpret_cast<const __m256i*>(ar + n))));
+            accI = _mm256_add_epi32(
+                accI, _mm256_madd_epi16(sv, _mm256_load_si256(reinterpret_cast<const __m256i*>(ai + n))));
+        }
+        __m128i r = _mm_add_epi32(_mm256_castsi256_si128(accR), _mm256_extracti128_si256(accR, 1));
+        __m128i i = _mm_add_epi32(_mm256_castsi256_si128(accI), _mm256_extracti128_si256(accI, 1));
+        if (has8) {
+            const __m128i sv =
+                _mm_cvtepi8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(sp + n16)));
+            r = _mm_add_epi32(r, _mm_madd_epi16(sv, _mm_loadu_si128(reinterpret_cast<const __m128i*>(ar + n16))));
+            i = _mm_add_epi32(i, _mm_madd_epi16(sv, _mm_loadu_si128(reinterpret_cast<const __m128i*>(ai + n16))));
+        }
+        __m128i h = _mm_hadd_epi32(r, i); // r0+r1 r2+r3 i0+i1 i2+i3
+        h = _mm_hadd_epi32(h, h);         // re im re im
+        int32_t re = _mm_cvtsi128_si32(h);
+        int32_t im = _mm_extract_epi32(h, 1);
+        for (int n = tail; n < m2; ++n) {
+            re += static_cast<int32_t>(sp[n]) * ar[n];
+            im += static_cast<int32_t>(sp[n]) * ai[n];
+        }
+        outRe[p] = static_cast<float>(re) * f;
+        outIm[p] = static_cast<float>(im) * f;
+    }
+#if defined(AKUDOA_CHECK_SIMD)
+    akudoa_dot8_check("avx2", a, s, m2, npix, f, outRe, outIm);
+#endif
+}

@@ -1,0 +1,70 @@
+// AVX-512 VNNI int8 beam sums. vpdpbusd multiplies unsigned by signed
+// bytes, so each steering byte is biased by +128 (xor 0x80) and the bias is
+// taken back once per bin: sum (s+128)*a = sum s*a + 128*sum a. All terms
+// stay far inside int32, so the result equals the reference for any int8
+// input. A block shorter than 64 bytes is read with a byte mask; the
+// spectrum copy is zero past m2, so the masked lanes add nothing.
+#include "AKUDoa/akudoadot_p.h"
+
+// GCC 12 reports the deliberately undefined upper lanes inside the 512-bit
+// extract intrinsics as maybe-uninitialized; the values are never read.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#include <immintrin.h>
+
+namespace {
+constexpr int kMaxM2 = 1024; // 512 microphones; larger arrays use the reference
+}
+
+void akudoa_dot8_avx512(const int8_t* a, const int8_t* s, int m2, int npix, float f,
+                        float* outRe, float* outIm)
+{
+    if (m2 > kMaxM2 || m2 <= 0) {
+        akudoa_dot8_ref(a, s, m2, npix, f, outRe, outIm);
+        return;
+    }
+    alignas(64) int8_t ar[kMaxM2 + 64] = {};
+    alignas(64) int8_t ai[kMaxM2 + 64] = {};
+    int32_t biasR = 0;
+    int32_t biasI = 0;
+    for (int n = 0; n < m2; ++n) {
+        ar[n] = a[n];
+        ai[n] = a[m2 + n];
+        biasR += a[n];
+        biasI += a[m2 + n];
+    }
+    biasR *= 128;
+    biasI *= 128;
+    const int n64 = m2 & ~63;
+    const int rest = m2 - n64;
+    const __mmask64 restMask = rest ? ((~0ULL) >> (64 - rest)) : 0;
+    const __m512i flip = _mm512_set1_epi8(static_cast<char>(0x80));
+    for (int p = 0; p < npix; ++p) {
+        const int8_t* sp = s + static_cast<long>(p) * m2;
+        __m512i accR = _mm512_setzero_si512();
+        __m512i accI = _mm512_setzero_si512();
+        for (int n = 0; n < n64; n += 64) {
+            const __m512i su = _mm512_xor_si512(_mm512_loadu_si512(sp + n), flip);
+            accR = _mm512_dpbusd_epi32(accR, su, _mm512_load_si512(ar + n));
+            accI = _mm512_dpbusd_epi32(accI, su, _mm512_load_si512(ai + n));
+        }
+        if (rest) {
+            const __m512i su = _mm512_xor_si512(_mm512_maskz_loadu_epi8(restMask, sp + n64), flip);
+            accR = _mm512_dpbusd_epi32(accR, su, _mm512_load_si512(ar + n64));
+            accI = _mm512_dpbusd_epi32(accI, su, _mm512_load_si512(ai + n64));
+        }
+        const __m256i r8 = _mm256_add_epi32(_mm512_castsi512_si256(accR), _mm512_extracti64x4_epi64(accR, 1));
+        const __m256i i8 = _mm256_add_epi32(_mm512_castsi512_si256(accI), _mm512_extracti64x4_epi64(accI, 1));
+        const __m256i h8 = _mm256_hadd_epi32(r8, i8); // per half: r r i i
+        __m128i h = _mm_add_epi32(_mm256_castsi256_si128(h8), _mm256_extracti128_si256(h8, 1));
+        h = _mm_hadd_epi32(h, h); // re im re im
+        const int32_t re = _mm_cvtsi128_si32(h) - biasR;
+        const int32_t im = _mm_extract_epi32(h, 1) - biasI;
+        outRe[p] = static_cast<float>(re) * f;
+        outIm[p] = static_cast<float>(im) * f;
+    }
+#if defined(AKUDOA_CHECK_SIMD)
+    akudoa_dot8_check("avx512vnni", a, s, m2, npix, f, outRe, outIm);
+#endif
+}

@@ -1,0 +1,639 @@
+#include "AKUDoa/akudoaquantizev3.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "AKUDoa/akudoaquantizev3_p.h"
+#include "AKUDoa/akucluster.h"
+#include "AKUDoa/base/akudoaarray.h"
+#if __has_include("AKUDoa/akugaussianprocessregression.h")
+#include "AKUDoa/akugaussianprocessregression.h"
+#define AKUDOA_HAVE_GPR 1
+#endif
+#include "AKUDoa/base/akudoalogging.h"
+#include "AKUDoa/base/akudoamath.h"
+#include "AKUDoa/base/akudoaneon.h"
+#include "AKUDoa/iakudoaquantize_p.h"
+
+namespace {
+
+constexpr float kSoundSpeed = 340.0f; // m/s
+constexpr double kPi = 3.14159265358979323846;
+
+bool usesRegression(const StCamCfg* cfg)
+{
+    return cfg->doaVersionSelect == 53 || cfg->doaVersionSelect == 54;
+}
+
+// Phase factor of table row b: row b steers the bin below it (b - 1);
+// with frequency averaging row t is the mean of the factors 2t - 1 and 2t.
+// The offset is part of the engine's calibrated behaviour.
+inline int firstFactor(int b, bool average)
+{
+    return average ? 2 * b - 1 : b - 1;
+}
+
+// Fills one steering row (2MP floats): pixel p owns [p*2M, p*2M+2M): the M
+// cosines of psi_m = c * dist[p*M+m], then the M sines. With averaging the
+// row is the mean of the rows for the coefficients c1 and c2.
+void fillSteeringRow(const float* dist, int P, int M, float c1, float c2, bool average, float* row)
+{
+    const float32x4_t vc1 = vdupq_n_f32(c1);
+    const float32x4_t vc2 = vdupq_n_f32(c2);
+    const float32x4_t half = vdupq_n_f32(0.5f);
+    for (int p = 0; p < P; ++p) {
+        const float* dp = dist + static_cast<size_t>(p) * M;
+        float* out = row + static_cast<size_t>(p) * 2 * M;
+        for (int m = 0; m < M; m += 4) {
+            const float32x4_t dv = vld1q_f32(dp + m);
+            float32x4_t s1, c1v;
+            sincos_ps(vmulq_f32(vc1, dv), &s1, &c1v);
+            if (average) {
+                float32x4_t s2, c2v;
+                sincos_ps(vmulq_f32(vc2, dv), &s2, &c2v);
+                c1v = vmulq_f32(vaddq_f32(c1v, c2v), half);
+                s1 = vmulq_f32(vaddq_f32(s1, s2), half);
+            }
+            vst1q_f32(out + m, c1v);
+            vst1q_f32(out + M + m, s1);
+        }
+    }
+}
+
+} // namespace
+
+AKUDoaQuantizeV3::AKUDoaQuantizeV3()
+    : d(new AKUDoaQuantizeV3Private)
+{
+}
+
+AKUDoaQuantizeV3::~AKUDoaQuantizeV3()
+{
+    if (d->fftPlans) {
+        for (int m = 0; m < d->micNum; ++m)
+            if (d->fftPlans[m])
+                fftwf_destroy_plan(d->fftPlans[m]);
+        std::free(d->fftPlans);
+    }
+    destroy_vec_fp32(d->steerScale);
+    destroy_vec_fp32(d->fftScale);
+    destroy_vec_fp32(d->binWork);
+    destroy_vec_fp32(d->dequantFactor);
+    destroy_mat2d_uint8(d->steerQuant);
+    destroy_mat2d_uint8(d->fftQuant);
+    destroy_mat2d_fp32(d->beamComplex);
+    destroy_mat2d_fp32(d->beamPower);
+    destroy_mat1d_fp32(d->gprImage);
+    destroy_mat2d_int32(d->beamInt);
+    destroy_mat2d_fp32(d->fftData);
+    destroy_vec_fp32(d->binWork2);
+    destroy_vec_fp32(d->heatSum);
+    destroy_vec_fp32(d->fftWindow);
+    destroy_mat2d_fp32(d->timeBuf);
+    destory_mat2d_fftwfcplx(d->specBuf);
+    destroy_mat2d_fp32(d->gprBins);
+    delete d->cluster;
+    delete d;
+}
+
+void AKUDoaQuantizeV3::doaInit(StCamCfg* cfg)
+{
+    d->cfg = cfg;
+    d->imageRows = cfg->imageResolutionRow;
+    d->imageCols = cfg->imageResolutionCol;
+    d->micNum = cfg->channelNum;
+    d->sampleRate = cfg->sampleFrequency;
+    d->frameSize = cfg->frameSize;
+    const int N = d->frameSize;
+    const int B = cfg->freqAverage ? (N >> 2) + 1 : (N >> 1) + 1;
+    d->binNum = B;
+    const int M = d->micNum;
+    const int P = d->imageRows * d->imageCols;
+
+    d->steerScale = create_vec_fp32(B);
+    d->fftScale = create_vec_fp32(B);
+    d->binWork = create_vec_fp32(B);
+    d->dequantFactor = create_vec_fp32(B);
+    d->steerQuant = create_mat2d_int8(B, 2 * M * P);
+    d->fftQuant = create_mat2d_int8(B, 4 * M);
+    d->beamComplex = create_mat2d_fp32(B, 2 * P);
+    d->beamPower = create_mat2d_fp32(B, P);
+    d->gprImage = create_mat1d_fp32(d->imageRows, d->imageCols);
+    d->beamInt = create_mat2d_int32(B, 2 * P);
+    d->fftData = create_mat2d_fp32(B, 4 * M);
+    d->binWork2 = create_vec_fp32(B);
+    d->heatSum = create_vec_fp32(P);
+    d->fftWindow = create_vec_fp32(N);
+    d->fftPlans = static_cast<fftwf_plan*>(std::calloc(static_cast<size_t>(M), sizeof(fftwf_plan)));
+    d->timeBuf = create_mat2d_fp32(M, N);
+    d->specBuf = create_mat2d_fftwfcplx(M, N);
+    if (usesRegression(cfg))
+        d->gprBins = create_mat2d_fp32(B, P);
+
+    // FFTW's planner is not thread safe: plans are made here, on the
+    // caller's thread; executing distinct plans from workers is fine.
+    for (int m = 0; m < M; ++m)
+        d->fftPlans[m] = fftwf_plan_dft_r2c_1d(N, d->timeBuf->data[m],
+                                               reinterpret_cast<fftwf_complex*>(d->specBuf->data[m]),
+                                               FFTW_ESTIMATE);
+
+    d->cluster = new AKUCluster;
+    d->dot8 = akudoa_dot8_select();
+
+    focusDisUpdate();
+
+    // The frequencies assume 48 kHz and 1024 samples whatever the
+    // configuration says; the line is defined that way.
+    for (int i = 0; i < 512; ++i)
+        AKUDOA_LOG() << i << ": Freq = " << ((i * 48000) >> 9) << "Sen scale ="
+                     << cfg->micSensitivity[i];
+}
+
+void AKUDoaQuantizeV3::updateFFTWin(float* window, int length)
+{
+    if (!d->fftWindow || length != d->frameSize)
+        return;
+    std::memcpy(d->fftWindow->data, window, sizeof(float) * static_cast<size_t>(length));
+}
+
+bool AKUDoaQuantizeV3::focusDisUpdate()
+{
+    if (loadQuantizeParam())
+        return true;
+    if (d->cfg->focusDistanceEn)
+        return createQuantizeFocusDisParam();
+    return createQuantizeParam();
+}
+
+float AKUDoaQuantizeV3::posDistance(float x1, float y1, float z1, float x2, float y2, float z2)
+{
+    const float dx = x1 - x2;
+    const float dy = y1 - y2;
+    const float dz = z1 - z2;
+    return std::sqrt(std::fmaf(dz, dz, std::fmaf(dx, dx, dy * dy)));
+}
+
+// Builds steerQuant and steerScale one table row at a time from the per
+// pixel and microphone path terms dist (P x M). Row b uses the phase
+// coefficient coef(factor) * dist; rows are independent, so they are built
+// in parallel, each thread with one float row of its own. The bytes equal
+// those of quantizing the whole float table at once (scale and rounding are
+// per row), without ever holding it (1.6 GB at the defaults).
+static void buildSteeringTable(AKUDoaQuantizeV3Private* d, const std::vector<float>& dist, bool nearField, float k)
+{
+    const int M = d->micNum;
+    const int P = d->imageRows * d->imageCols;
+    const int B = d->binNum;
+    const bool average = d->cfg->freqAverage;
+    const int cols = 2 * M * P;
+#pragma omp parallel
+    {
+        std::vector<float> row(static_cast<size_t>(cols));
+#pragma omp for schedule(dynamic, 1)
+        for (int b = 0; b < B; ++b) {
+            const int f1 = firstFactor(b, average);
+            const int f2 = f1 + 1;
+            const float c1 = nearField ? static_cast<float>(f1) * k : static_cast<float>(f1);
+            const float c2 = nearField ? static_cast<float>(f2) * k : static_cast<float>(f2);
+            fillSteeringRow(dist.data(), P, M, c1, c2, average, row.data());
+            const float scale = akudoa_row_quant_scale(row.data(), cols);
+            d->steerScale->data[b] = scale;
+            akudoa_row_quantize(row.data(), cols, scale, reinterpret_cast<int8_t*>(d->steerQuant->data[b]));
+        }
+    }
+}
+
+static float angleDomainDistance(const StCamCfg* cfg)
+{
+    const float a = static_cast<float>(cfg->eangleDomain) * static_cast<float>(kPi) / 180.0f;
+    return 0.70710677f / std::tan(a);
+}
+
+bool AKUDoaQuantizeV3::createQuantizeParam()
+{
+    const StCamCfg* cfg = d->cfg;
+    const int NR = d->imageRows;
+    const int NC = d->imageCols;
+    const int M = d->micNum;
+    const int P = NR * NC;
+    const float k = static_cast<float>((2.0 * kPi * d->sampleRate) / static_cast<double>(d->frameSize * 340));
+    const float T = cfg->imageThetaXYFactor;
+    const float D = angleDomainDistance(cfg);
+
+    std::vector<float> kr(static_cast<size_t>(M));
+    for (int m = 0; m < M; ++m)
+        kr[m] = cfg->micRadius[m] * k;
+
+    // d[p][m] = kr[m] * cos(phi - phi_m) * sin(theta): the plane-wave path
+    // term of microphone m for pixel p, in radians per unit phase factor.
+    std::vector<float> dist(static_cast<size_t>(P) * M);
+#pragma omp parallel for schedule(dynamic, 1)
+    for (int i = 0; i < NR; ++i) {
+        for (int j = 0; j < NC; ++j) {
+            const float u = ((static_cast<float>(i) - static_cast<float>(NR) * 0.5f) + 0.5f) / static_cast<float>(NR);
+            const float v = (((static_cast<float>(j) - static_cast<float>(NC) * 0.5f) + 0.5f) / static_cast<float>(NR)) / T;
+            const float rho = std::sqrt(u * u + v * v);
+            const float theta = std::atan2(rho, D);
+            const float phi = std::atan2(v, u);
+            const float s = std::sin(theta);
+            float* dp = dist.data() + static_cast<size_t>(i * NC + j) * M;
+            const float32x4_t vphi = vdupq_n_f32(phi);
+            const float32x4_t vs = vdupq_n_f32(s);
+            for (int m = 0; m < M; m += 4) {
+                const float32x4_t c = cos_ps(vsubq_f32(vphi, vld1q_f32(cfg->micPhi + m)));
+                vst1q_f32(dp + m, vmulq_f32(vmulq_f32(vld1q_f32(kr.data() + m), c), vs));
+            }
+        }
+    }
+    buildSteeringTable(d, dist, false, k);
+    return saveQuantizeParam();
+}
+
+bool AKUDoaQuantizeV3::createQuantizeFocusDisParam()
+{
+    const StCamCfg* cfg = d->cfg;
+    const int NR = d->imageRows;
+    const int NC = d->imageCols;
+    const int M = d->micNum;
+    const int P = NR * NC;
+    const float k = static_cast<float>((2.0 * kPi * d->sampleRate) /
+                                       static_cast<double>(static_cast<float>(d->frameSize) * kSoundSpeed));
+    const float T = cfg->imageThetaXYFactor;
+    const float D = angleDomainDistance(cfg);
+    const float F = cfg->focusDistance;
+    const double alpha = std::atan2(static_cast<double>(cfg->micMaxRadius) * 0.5 + 0.5, static_cast<double>(D));
+
+    std::vector<float> mx(static_cast<size_t>(M)), my(static_cast<size_t>(M));
+    for (int m = 0; m < M; ++m) {
+        mx[m] = std::cos(cfg->micPhi[m]) * cfg->micRadius[m];
+        my[m] = std::sin(cfg->micPhi[m]) * cfg->micRadius[m];
+    }
+    // Focal grid in metres; both axes step by 2/NR, columns narrowed by T.
+    std::vector<float> X(static_cast<size_t>(NR)), Y(static_cast<size_t>(NC));
+    for (int i = 0; i < NR; ++i)
+        X[i] = F * static_cast<float>(std::tan(-((i - NR / 2) + 0.5) * (2.0 / NR) * alpha));
+    for (int j = 0; j < NC; ++j)
+        Y[j] = F * static_cast<float>(std::tan(-((j - NC / 2) + 0.5) * (2.0 / NR) * alpha)) / T;
+
+    // Full path length from the focal point of each pixel to each microphone.
+    std::vector<float> dist(static_cast<size_t>(P) * M);
+#pragma omp parallel for schedule(dynamic, 1)
+    for (int i = 0; i < NR; ++i)
+        for (int j = 0; j < NC; ++j) {
+            float* dp = dist.data() + static_cast<size_t>(i * NC + j) * M;
+            for (int m = 0; m < M; ++m)
+                dp[m] = posDistance(mx[m], my[m], 0.0f, X[i], Y[j], F);
+        }
+    buildSteeringTable(d, dist, true, k);
+    return saveQuantizeParam();
+}
+
+void AKUDoaQuantizeV3::executeFFT(mat2d_fp32* frame)
+{
+    const int M = d->micNum;
+    const int N = d->frameSize;
+    const int B = d->binNum;
+    const int channels = std::min(frame->rows, M);
+    const int samples = std::min(frame->cols, N);
+    const float* win = d->fftWindow->data;
+#pragma omp parallel for schedule(dynamic, 1)
+    for (int ch = 0; ch < channels; ++ch) {
+        const float* in = frame->data[ch];
+        float* t = d->timeBuf->data[ch];
+        for (int i = 0; i < samples; ++i)
+            t[i] = in[i] * win[i];
+        fftwf_execute(d->fftPlans[ch]);
+    }
+    const bool average = d->cfg->freqAverage;
+    for (int b = 0; b < B; ++b) {
+        float* row = d->fftData->data[b];
+        for (int m = 0; m < M; ++m) {
+            const float* x = reinterpret_cast<const float*>(d->specBuf->data[m]);
+            float re, im;
+            if (average) {
+                re = x[2 * (2 * b)] + x[2 * (2 * b + 1)];
+                im = x[2 * (2 * b) + 1] + x[2 * (2 * b + 1) + 1];
+            } else {
+                re = x[2 * b];
+                im = x[2 * b + 1];
+            }
+            row[m] = re;
+            row[M + m] = -im;
+            row[2 * M + m] = im;
+            row[3 * M + m] = re;
+        }
+    }
+    quantizeScale(d->fftData, d->fftScale);
+    quantize(d->fftData, d->fftScale, d->fftQuant);
+}
+
+void AKUDoaQuantizeV3::matRowDotInt8(mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec_fp32* factor, mat2d_fp32* out, int row)
+{
+    const int m2 = fftQ->cols / 2;
+    const int P = (2 * steerQ->cols) / fftQ->cols;
+    float* o = out->data[row];
+    d->dot8.fn(reinterpret_cast<const int8_t*>(fftQ->data[row]), reinterpret_cast<const int8_t*>(steerQ->data[row]),
+               m2, P, factor->data[row], o, o + P);
+}
+
+void AKUDoaQuantizeV3::matRowDotInt8WithRadius(mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec_fp32* factor,
+                                               mat2d_fp32* out, int row)
+{
+    const int m2 = fftQ->cols / 2;
+    const int P = (2 * steerQ->cols) / fftQ->cols;
+    const int NR = d->imageRows;
+    const int NC = d->imageCols;
+    const int r0 = std::max((NR >> 1) - (NC >> 2), 0);
+    const int r1 = std::min((NR >> 1) + (NC >> 2), NR);
+    const int c0 = NC >> 2;
+    const int c1 = std::min((NC >> 2) + (NC >> 1), NC);
+    const int8_t* a = reinterpret_cast<const int8_t*>(fftQ->data[row]);
+    const int8_t* s = reinterpret_cast<const int8_t*>(steerQ->data[row]);
+    float* o = out->data[row];
+    for (int r = r0; r < r1; ++r) {
+        const int p0 = r * NC + c0;
+        d->dot8.fn(a, s + static_cast<size_t>(p0) * m2, m2, c1 - c0, factor->data[row], o + p0, o + P + p0);
+    }
+}
+
+void AKUDoaQuantizeV3::ComplexNormOffset(mat2d_fp32* in, mat2d_fp32* out, float offset, int row)
+{
+    const int P = in->cols / 2;
+    const int n = (in->cols / 8) * 4;
+    const float* re = in->data[row];
+    const float* im = re + P;
+    float* o = out->data[row];
+    for (int p = 0; p < n; ++p)
+        o[p] = std::fmaf(im[p], im[p], std::fmaf(re[p], re[p], offset));
+}
+
+void AKUDoaQuantizeV3::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat2d_fp32* heatMap)
+{
+    executeFFT(frame);
+    const std::vector<doaFreqInfo> L = bands.data();
+    const int NR = d->imageRows;
+    const int NC = d->imageCols;
+    const int P = NR * NC;
+    const int M = d->micNum;
+    const int B = d->binNum;
+    std::fill(d->heatSum->data, d->heatSum->data + P, 0.0f);
+
+    const bool average = d->cfg->freqAverage;
+    const bool regression = usesRegression(d->cfg);
+    if (regression && !d->gprBins)
+        d->gprBins = create_mat2d_fp32(B, P);
+    const int stride = average ? 2 : 1;
+    const int count = (static_cast<int>(L.size()) + stride - 1) / stride;
+    const bool radius = d->focusRadiusMode;
+    const bool self = d->spectrumSelf;
+
+    // Each entry fills its own table row of beamComplex, beamPower (and
+    // gprBins); distinct entries have distinct rows.
+#pragma omp parallel for schedule(dynamic, 1)
+    for (int e = 0; e < count; ++e) {
+        const int k = e * stride;
+        const int b = average ? (L.at(k).bin >> 1) : L.at(k).bin;
+        if (b < 0 || b >= B)
+            continue; // a band edge one past the Nyquist bin has no table row
+        dequantizeScale(d->fftScale, d->steerScale, d->dequantFactor, b);
+        if (radius)
+            matRowDotInt8WithRadius(d->fftQuant, d->steerQuant, d->dequantFactor, d->beamComplex, b);
+        else
+            matRowDotInt8(d->fftQuant, d->steerQuant, d->dequantFactor, d->beamComplex, b);
+        // Without self terms: minus sum |X_m|^2 (re and -im of every channel).
+        const float offset = self ? 0.0f : -vec_power_fp32(d->fftData->data[b], 2u * M);
+        ComplexNormOffset(d->beamComplex, d->beamPower, offset, b);
+#ifdef AKUDOA_HAVE_GPR
+        if (regression)
+            AKUGaussianProcessRegression::predit_auto_process(d->beamPower->data[b], d->gprBins->data[b], NR, NC,
+                                                              1.5f, 4.0f, 0.025f, d->cfg->targetQuantize);
+#endif
+    }
+
+    // Sum in band order so that the image does not depend on which thread
+    // finished first.
+    mat1d_fp32 binImage;
+    binImage.rows = NR;
+    binImage.cols = NC;
+    for (int e = 0; e < count; ++e) {
+        const int k = e * stride;
+        const int b = average ? (L.at(k).bin >> 1) : L.at(k).bin;
+        if (b < 0 || b >= B)
+            continue;
+        if (regression) {
+            binImage.data = d->gprBins->data[b];
+            ComplexAdd(&binImage, d->heatSum);
+        } else {
+            const float w = b < AKUDOA_MAX_SENSITIVITY_BINS ? d->cfg->micSensitivity[b] : 1.0f;
+            ComplexAddWithScale(d->beamPower, d->heatSum, w, b);
+        }
+    }
+
+    float* h = d->heatSum->data;
+    const float norm = 1.0f / static_cast<float>((M - 1) * M);
+    const float invN = 1.0f / static_cast<float>(d->frameSize);
+    for (int p = 0; p < P; ++p) {
+        float x = h[p] * norm;
+        if (!self && x < 0.0f)
+            x = 0.0f;
+        h[p] = std::sqrt(x) * invN;
+    }
+
+    switch (d->cfg->rotateMode) {
+    case 0:
+        for (int r = 0; r < NR; ++r)
+            for (int c = 0; c < NC; ++c)
+                heatMap->data[r][c] = h[r * NC + c];
+        break;
+    case 1:
+        for (int r = 0; r < NR; ++r)
+            for (int c = 0; c < NC; ++c)
+                heatMap->data[NR - 1 - r][NC - 1 - c] = h[r * NC + c];
+        break;
+    case 2:
+        for (int r = 0; r < NR; ++r)
+            for (int c = 0; c < NC; ++c)
+                heatMap->data[r][NC - 1 - c] = h[r * NC + c];
+        break;
+    case 3:
+        for (int r = 0; r < NR; ++r)
+            for (int c = 0; c < NC; ++c)
+                heatMap->data[NR - 1 - r][c] = h[r * NC + c];
+        break;
+    default:
+        break; // unknown orientation: the caller's map is left as it was
+    }
+}
+
+void AKUDoaQuantizeV3::powerSpec(vec_fp32* spectrum, int channel)
+{
+    if (!spectrum || !d->specBuf || channel < 0 || channel >= d->micNum)
+        return;
+    const int n = std::min(spectrum->n, d->frameSize);
+    const float* x = reinterpret_cast<const float*>(d->specBuf->data[channel]);
+    for (int i = 0; i < n; ++i)
+        spectrum->data[n - 1 - i] = x[2 * i] * x[2 * i] + x[2 * i + 1] * x[2 * i + 1];
+}
+
+void AKUDoaQuantizeV3::setSpectrumSelf(bool on)
+{
+    d->spectrumSelf = on;
+}
+
+void AKUDoaQuantizeV3::setFocusRadiusMode(bool on)
+{
+    d->focusRadiusMode = on;
+}
+
+mat2d_fp32* AKUDoaQuantizeV3::getFFTMean()
+{
+    return d->fftData;
+}
+
+float AKUDoaQuantizeV3::getPaWithTarget(fpoint2d target, AKUDoaFreqBands& bands)
+{
+    const int R = d->imageRows;
+    const int C = d->imageCols;
+    const int M = d->micNum;
+    const int r = target.x;
+    const int c = target.y;
+    int idx;
+    switch (d->cfg->rotateMode) {
+    case 0: idx = r * C + c; break;
+    case 1: idx = (R - r) * C - c - 1; break;
+    case 2: idx = r * C + (C - c - 1); break;
+    case 3: idx = (R - r - 1) * C + c; break;
+    default: idx = r + R * c; break;
+    }
+    if (idx < 0 || idx >= R * C)
+        return 0.0f; // a target outside the image has no pixel
+    const std::vector<doaFreqInfo> L = bands.data();
+    float sum = 0.0f;
+    for (const doaFreqInfo& e : L) {
+        if (e.bin < 0 || e.bin >= d->binNum || e.bin >= AKUDOA_MAX_SENSITIVITY_BINS)
+            continue;
+        sum = std::fmaf(d->beamPower->data[e.bin][idx], d->cfg->micSensitivity[e.bin], sum);
+    }
+    sum = sum / static_cast<float>((M - 1) * M);
+    float a;
+    if (d->spectrumSelf)
+        a = std::sqrt(sum);
+    else
+        a = sum < 0.0f ? 0.0f : std::sqrt(sum);
+    return a / static_cast<float>(d->frameSize);
+}
+
+void AKUDoaQuantizeV3::findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& bands, int& lowFreq, int& highFreq,
+                                           float& power)
+{
+    lowFreq = -1;
+    highFreq = -1;
+    const std::vector<doaFreqInfo> L = bands.data();
+    if (L.empty() || !d->beamPower)
+        return;
+    const int R = d->imageRows;
+    const int C = d->imageCols;
+    const int M = d->micNum;
+    const int N = d->frameSize;
+    const bool average = d->cfg->freqAverage;
+    const int stride = average ? 2 : 1;
+
+    // Accepted peaks: the band entry's bin (full FFT resolution, also with
+    // averaging, so that the range converts with the FFT bin width) and the
+    // peak's power.
+    struct IdxType {
+        int bin;
+        float value;
+    };
+    std::vector<IdxType> F;
+    // The search window may extend past the image; only the image is scanned.
+    const int r0 = std::max(target.x - 8, 0), r1 = std::min(target.x + 8, R);
+    const int c0 = std::max(target.y - 8, 0), c1 = std::min(target.y + 8, C);
+    std::vector<fpoint2d> peaks;
+    for (size_t k = 0; k < L.size(); k += static_cast<size_t>(stride)) {
+        const int b = average ? (L[k].bin >> 1) : L[k].bin;
+        if (b < 0 || b >= d->binNum)
+            continue;
+        peaks.clear();
+        if (r0 < r1 && c0 < c1)
+            array_findpeak2d(d->beamPower->data[b], R, C, 0.0f, peaks, r0, r1, c0, c1);
+        std::sort(peaks.begin(), peaks.end(), [](const fpoint2d& a, const fpoint2d& q) { return a.val > q.val; });
+        for (const fpoint2d& pk : peaks) {
+            if (pk.val < 0.01f)
+                break;
+            if (point_quad(pk, target) <= 9.0f) { // within three pixels
+                F.push_back({L[k].bin, pk.val});
+                break;
+            }
+        }
+    }
+
+    std::vector<int> bins;
+    bins.reserve(F.size());
+    for (const IdxType& e : F)
+        bins.push_back(e.bin);
+    const std::vector<std::vector<int>> K = d->cluster->doKCluster(bins, 3);
+    // An empty cluster has no first or last bin: treated like a failed split.
+    if (K.size() != 3 || K[0].empty() || K[1].empty() || K[2].empty())
+        return;
+    const size_t size0 = K[0].size(), size1 = K[1].size(), size2 = K[2].size();
+    float s0 = 0.0f, s1 = 0.0f, s2 = 0.0f;
+    size_t i = 0;
+    for (size_t n = 0; n < size0 && i < F.size(); ++n)
+        s0 += F[i++].value;
+    for (size_t n = 0; n < size1 && i < F.size(); ++n)
+        s1 += F[i++].value;
+    for (size_t n = 0; n < size2 && i < F.size(); ++n)
+        s2 += F[i++].value;
+    const float total = s0 + s1 + s2;
+    const int gap01 = K[1].front() - K[0].back();
+    const int gap12 = K[2].front() - K[1].back();
+    int lo = K[0].front();
+    int hi = K[2].back();
+    // Rules 1 to 3 cannot fire with positive powers; they are kept so the
+    // decision table stays complete.
+    if (0.05 * s0 > total) {
+        hi = K[0].back();
+        if (gap01 < 21) {
+            hi = K[2].back();
+            if (gap12 > 20)
+                hi = K[1].back();
+        }
+    } else if (total < 0.05 * s1) {
+        if (gap01 > 20)
+            lo = K[1].front();
+        if (gap12 > 20)
+            hi = K[1].back();
+    } else if (total < 0.05 * s2) {
+        lo = K[2].front();
+        if (gap12 < 21) {
+            lo = K[0].front();
+            if (gap01 > 20)
+                lo = K[1].front();
+        }
+    } else if (size1 >= size0 && size1 >= size2) {
+        if (gap01 > 20)
+            lo = K[1].front();
+        if (gap12 > 20)
+            hi = K[1].back();
+    } else if (size0 > size1 && size0 >= size2) {
+        hi = K[0].back();
+        if (gap01 < 21)
+            hi = K[1].back();
+    } else {
+        lo = K[2].front();
+        if (gap12 < 21)
+            lo = K[1].front();
+    }
+    for (const IdxType& e : F)
+        if (e.bin >= lo && e.bin <= hi)
+            power += e.value;
+    power = std::sqrt(power / static_cast<float>((M - 1) * M)) / static_cast<float>(N);
+    lowFreq = (lo * d->sampleRate) / N;
+    highFreq = (hi * d->sampleRate) / N;
+}

@@ -1,0 +1,121 @@
+#include "AKUDoa/iakudoaquantize.h"
+
+#include <cmath>
+
+#include "AKUDoa/iakudoaquantize_p.h"
+
+float akudoa_row_maxabs(const float* x, int cols)
+{
+    // Four running lanes, as the vector unit reads them; the maximum does not
+    // depend on the order, so the lanes only mirror the whole-group rule.
+    float lane[4] = {std::fabs(x[0]), std::fabs(x[1]), std::fabs(x[2]), std::fabs(x[3])};
+    const int groups = cols / 4;
+    for (int g = 1; g < groups; ++g) {
+        for (int k = 0; k < 4; ++k) {
+            const float a = std::fabs(x[4 * g + k]);
+            if (a > lane[k])
+                lane[k] = a;
+        }
+    }
+    float m = lane[0];
+    for (int k = 1; k < 4; ++k)
+        if (lane[k] > m)
+            m = lane[k];
+    return m;
+}
+
+float akudoa_row_quant_scale(const float* x, int cols)
+{
+    return 127.0f / akudoa_row_maxabs(x, cols);
+}
+
+void akudoa_row_quantize(const float* x, int cols, float scale, int8_t* q)
+{
+    const float s2 = 2.0f * scale;
+    const int n = (cols / 8) * 8;
+    if (!std::isfinite(s2)) {
+        // An all-zero row has an infinite scale; its products are 0 * inf.
+        // Write the zeros that the conversion yields on every target
+        // instead of converting NaN, which C++ leaves undefined.
+        for (int c = 0; c < n; ++c)
+            q[c] = 0;
+        return;
+    }
+    for (int c = 0; c < n; ++c)
+        q[c] = akudoa_quantize_one(x[c], s2);
+}
+
+IAKUDoaQuantize::~IAKUDoaQuantize() = default;
+
+void IAKUDoaQuantize::quantizeScale(mat2d_fp32* m, vec_fp32* scale)
+{
+    for (int r = 0; r < m->rows; ++r)
+        scale->data[r] = akudoa_row_quant_scale(m->data[r], m->cols);
+}
+
+void IAKUDoaQuantize::quantizeScale(mat2d_fp32* m, vec_fp32* scale, vec_fp32* maxAbs)
+{
+    for (int r = 0; r < m->rows; ++r) {
+        const float mx = akudoa_row_maxabs(m->data[r], m->cols);
+        maxAbs->data[r] = mx;
+        scale->data[r] = 127.0f / mx;
+    }
+}
+
+void IAKUDoaQuantize::quantize(mat2d_fp32* m, vec_fp32* scale, mat2d_uint8* q)
+{
+    for (int r = 0; r < m->rows; ++r)
+        akudoa_row_quantize(m->data[r], m->cols, scale->data[r],
+                            reinterpret_cast<int8_t*>(q->data[r]));
+}
+
+void IAKUDoaQuantize::dequantizeScale(vec_fp32* a, vec_fp32* b, vec_fp32* out, int i)
+{
+    out->data[i] = 1.0f / (a->data[i] * b->data[i]);
+}
+
+void IAKUDoaQuantize::dequantize(mat2d_int32* acc, vec_fp32* factor, mat2d_fp32* out, int row)
+{
+    const int n = (acc->cols / 4) * 4;
+    const float f = factor->data[row];
+    const int32_t* in = acc->data[row];
+    float* o = out->data[row];
+    for (int c = 0; c < n; ++c)
+        o[c] = static_cast<float>(in[c]) * f;
+}
+
+void IAKUDoaQuantize::ComplexAdd(mat2d_fp32* m, vec_fp32* sum, int row)
+{
+    const float* in = m->data[row];
+    for (int i = 0; i < sum->n; ++i)
+        sum->data[i] += in[i];
+}
+
+void IAKUDoaQuantize::ComplexAdd(mat1d_fp32* m, vec_fp32* sum)
+{
+    for (int i = 0; i < sum->n; ++i)
+        sum->data[i] += m->data[i];
+}
+
+void IAKUDoaQuantize::ComplexAddWithScale(mat2d_fp32* m, vec_fp32* sum, float w, int row)
+{
+    const float* in = m->data[row];
+    for (int i = 0; i < sum->n; ++i)
+        sum->data[i] = std::fmaf(in[i], w, sum->data[i]);
+}
+
+void IAKUDoaQuantize::ComplexAddWithScale(mat1d_fp32* m, vec_fp32* sum, float w)
+{
+    for (int i = 0; i < sum->n; ++i)
+        sum->data[i] = std::fmaf(m->data[i], w, sum->data[i]);
+}
+
+float IAKUDoaQuantize::vec_power_fp32(float* x, unsigned n)
+{
+    float lane[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+    const unsigned groups = n / 4;
+    for (unsigned j = 0; j < groups; ++j)
+        for (unsigned k = 0; k < 4; ++k)
+            lane[k] = std::fmaf(x[4 * j + k], x[4 * j + k], lane[k]);
+    return (lane[0] + lane[1]) + (lane[2] + lane[3]);
+}

@@ -1,0 +1,28 @@
+#ifndef AKUDOA_IAKUDOAQUANTIZE_P_H
+#define AKUDOA_IAKUDOAQUANTIZE_P_H
+
+#include <cstdint>
+
+// Row-level forms of the quantization primitives. The matrix primitives of
+// IAKUDoaQuantize and the steering-table builders share them, so a table
+// built one bin row at a time has exactly the bytes of one quantized as a
+// whole matrix.
+
+// Largest magnitude over the first 4*floor(cols/4) elements; the first four
+// are always read.
+float akudoa_row_maxabs(const float* x, int cols);
+// 127 / akudoa_row_maxabs(x, cols).
+float akudoa_row_quant_scale(const float* x, int cols);
+// Quantizes the first 8*floor(cols/8) elements with the table rounding rule.
+void akudoa_row_quantize(const float* x, int cols, float scale, int8_t* q);
+
+// One element of the rounding rule: s2 = 2 * scale.
+static inline int8_t akudoa_quantize_one(float x, float s2)
+{
+    const int32_t t = static_cast<int32_t>(s2 * x); // truncates toward zero
+    const int16_t u = static_cast<int16_t>(t);
+    const int16_t h = static_cast<int16_t>(static_cast<int16_t>(u + 1) >> 1);
+    return static_cast<int8_t>(h);
+}
+
+#endif
