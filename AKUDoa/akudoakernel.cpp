@@ -14,7 +14,10 @@
 
 #include <iniparser.h>
 
+#include "AKUDoa/akudoacordinate_p.h"
 #include "AKUDoa/akudoakernel_p.h"
+#include "AKUDoa/akudoapickupv4.h"
+#include "AKUDoa/base/akufftwindow.h"
 #include "AKUDoa/base/akudoalogging.h"
 
 namespace {
@@ -199,6 +202,8 @@ void AKUDoaKernelPrivate::pushFrame(const mat2d_fp32* frame, mat2d_fp32* dst) co
 
 void AKUDoaKernelPrivate::pushPickUpAudioFrame(const mat2d_fp32* frame)
 {
+    if (framePool.empty()) // linear-array mode has no pickup ring
+        return;
     mat2d_fp32* oldest = framePool.front();
     pushFrame(frame, oldest);
     framePool.pop_front();
@@ -209,15 +214,17 @@ void AKUDoaKernelPrivate::releaseObjects()
 {
     // Engines are released first: they may still refer to the buffers and
     // the band manager below.
-    // The pickup, the planar engine, the distance measurer, the extended-view
-    // engine and the two linear engines are released here, in that order,
-    // once their classes exist; until then init never creates them.
+    delete pickup;
+    pickup = nullptr;
+    // The planar engine, the distance measurer, the extended-view engine and
+    // the two linear engines are released here, in that order, once their
+    // classes exist; until then init never creates them.
+    delete freqBands;
+    freqBands = nullptr;
     destroy_mat2d_fp32(doaFrame);
     doaFrame = nullptr;
     destroy_mat2d_fp32(extraFrame);
     extraFrame = nullptr;
-    delete freqBands;
-    freqBands = nullptr;
     for (mat2d_fp32* m : framePool)
         destroy_mat2d_fp32(m);
     framePool.clear();
@@ -411,7 +418,7 @@ bool AKUDoaKernel::init(const char* path)
     d->sampleRate = c.sampleFrequency;
     d->frameSize = c.frameSize;
 
-    // Default band: the upper octave-ish range where the array resolves well.
+    // Default imaging band, by sample rate; unknown rates get the 96 kHz band.
     freqBandWidth band{20000, 40000, 1};
     switch (d->sampleRate) {
     case 48000:
@@ -447,8 +454,13 @@ bool AKUDoaKernel::init(const char* path)
         d->freqBands = new AKUDoaFreqBands(d->frameSize, d->sampleRate);
         d->freqBands->updateBands({band});
 
-        // Pickup, and with distanceMeasureEn the distance measurer: created
-        // and initialised here once their classes exist.
+        // No INI key sets the pickup's full-band switch.
+        c.pickupFullBand = false;
+        d->pickup = new AKUDoaPickupV4();
+        d->pickup->initPickup(&d->cfg);
+
+        // With distanceMeasureEn the distance measurer: created and
+        // initialised here once its class exists.
 
         d->extraFrame = create_mat2d_fp32(d->channels, d->frameSize);
         d->doaFrame = create_mat2d_fp32(d->channels, d->frameSize);
@@ -460,7 +472,8 @@ bool AKUDoaKernel::init(const char* path)
 
         // Coordinate table (V4 rule for programs 4 and 54), the engine's
         // radius and self-spectrum modes and the default Tukey(0.2) imaging
-        // and Hann pickup windows: set here with the engines.
+        // window: set here with the engines.
+        setFFTWindow_pickup(FFT_WINDOW_HANN, 0.0f, 0.0f, 1.0f);
     }
 
     timespec t1{};
@@ -500,8 +513,9 @@ bool AKUDoaKernel::init(const char* path)
     return true;
 }
 
-// The engines behind the readout calls are created by init once their
-// classes exist; until then every readout is refused.
+// Readout. init does not build the engines behind these calls yet, so each
+// refuses like a call before init; the guards below stay valid once the
+// engines are wired in and the engine paths replace the final return.
 bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, vec_fp32* spectrum, int channel)
 {
     (void)heatMap;
@@ -509,7 +523,7 @@ bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, vec_fp32*
     (void)channel;
     if (!frame || d->cfg.initFlag != 1 || !d->doaEngine)
         return false;
-    return false;
+    return false; // engine path: frame copy, executeDOA, correction, powerSpec
 }
 
 bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, fpoint2d target, float& distance,
@@ -535,7 +549,7 @@ bool AKUDoaKernel::readHeatMapExtra(mat2d_fp32* frame, mat2d_fp32* heatMap)
     (void)heatMap;
     if (!frame || d->cfg.initFlag != 1 || !d->cfg.extraEn || !d->extra)
         return false;
-    return false;
+    return false; // engine path: frame copy, extra->executeDOA
 }
 
 bool AKUDoaKernel::readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2d_fp32* heatMap1)
@@ -544,16 +558,71 @@ bool AKUDoaKernel::readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2
     (void)heatMap1;
     if (!frame || d->cfg.initFlag != 1 || !d->lineEngine[0] || !d->lineEngine[1])
         return false;
-    return false;
+    return false; // engine path: frame copy, executeDOA on both line engines
 }
 
 bool AKUDoaKernel::readPickedUpAudio(mat2d_fp32* frame, vec_fp32* audio, fpoint2d target)
 {
-    (void)audio;
-    (void)target;
     if (!frame || d->cfg.initFlag != 1 || !d->pickup)
         return false;
-    return false;
+    // The pool is written without a lock: one calling thread only.
+    d->pushPickUpAudioFrame(frame);
+    std::lock_guard<std::mutex> lock(d->pickupMutex);
+    if (d->cfg.imageCorrectionFlag == 1) {
+        const StCamCfg& c = d->cfg;
+        const CordinateMat m{c.rx1, c.rx2, c.rx3, c.ry1, c.ry2, c.ry3};
+        target = akudoa_cordinate_point(m, static_cast<float>(c.sectionFactor), target);
+    }
+    d->pickup->initTargetPoint(target.x, target.y);
+    d->pickup->executePickup(d->framePool.back(), *d->freqBands, audio);
+    return true;
+}
+
+fpoint2d AKUDoaKernelPrivate::pickupTargetForCell(fpoint2d cell)
+{
+    const int rows = cfg.imageResolutionRow;
+    const int cols = cfg.imageResolutionCol;
+    int r = cell.x;
+    int c = cell.y;
+    if (cfg.imageCorrectionFlag == 1 && cordinate && r >= 0 && r < rows && c >= 0 && c < cols) {
+        // The displayed cell was resampled from (u, v) of the engine's map.
+        std::lock_guard<std::mutex> lock(cordinateMutex);
+        const float* uv = cordinate->data + 2 * (r * cols + c);
+        r = std::min(std::max(static_cast<int>(std::lround(uv[0])), 0), rows - 1);
+        c = std::min(std::max(static_cast<int>(std::lround(uv[1])), 0), cols - 1);
+    }
+    // The engine draws the wave from direction -w at its raw pixel with
+    // steering direction w; the pickup steers at +w of its stored target.
+    // The two grids coincide, so the stored target is the cell on an axis
+    // that the rotation mode flips and its mirror rows - 1 - row otherwise.
+    const int mode = cfg.rotateMode;
+    const bool flipRows = mode == 1 || mode == 3;
+    const bool flipCols = mode == 1 || mode == 2;
+    fpoint2d t = cell;
+    t.x = flipRows ? r : rows - 1 - r;
+    t.y = flipCols ? c : cols - 1 - c;
+    return t;
+}
+
+bool AKUDoaKernel::readPickedUpAudioAtCell(mat2d_fp32* frame, vec_fp32* audio, fpoint2d cell)
+{
+    if (!frame || d->cfg.initFlag != 1 || !d->pickup)
+        return false;
+    d->pushPickUpAudioFrame(frame);
+    const fpoint2d target = d->pickupTargetForCell(cell);
+    std::lock_guard<std::mutex> lock(d->pickupMutex);
+    d->pickup->steerTo(target.x, target.y);
+    d->pickup->executePickup(d->framePool.back(), *d->freqBands, audio);
+    return true;
+}
+
+void AKUDoaKernel::setFFTWindow_pickup(FFTWindowType type, float p1, float p2, float p3)
+{
+    if (!d->pickup)
+        return;
+    AKUFFTWindow window(d->frameSize, type, p1, p2, p3);
+    std::lock_guard<std::mutex> lock(d->pickupMutex);
+    d->pickup->updateFFTWin(window.data()->data, window.winLength());
 }
 
 AKUDoaFreqBands* AKUDoaKernel::freqBandsManager()
@@ -594,6 +663,11 @@ int AKUDoaKernel::imgFac() const
 int AKUDoaKernel::samlpeRate() const
 {
     return d->cfg.sampleFrequency;
+}
+
+const StCamCfg* AKUDoaKernel::camConfig() const
+{
+    return &d->cfg;
 }
 
 const char* AKUDoaKernel::DoaVersion()

@@ -339,3 +339,38 @@ TEST_F(KernelTest, UnsupportedMicCountExits)
         EXPECT_EQ(out, "please set correct mic number!!!") << count;
     }
 }
+
+// Frames enter in array order through micIndex: catches an identity copy or
+// an index off by one on the subset arrays.
+TEST_F(KernelTest, FrameCopyFollowsMicIndex)
+{
+    AKUDoaKernel k;
+    ASSERT_TRUE(k.init(ini(iniFor(64, 64)).c_str()));
+    AKUDoaKernelPrivate* p = priv(k);
+    mat2d_fp32* in = create_mat2d_fp32(128, 64);
+    for (int r = 0; r < 128; ++r)
+        for (int c = 0; c < 64; ++c)
+            in->data[r][c] = static_cast<float>(r * 1000 + c);
+    p->pushDoaAudioFrame(in);
+    p->pushExtraAudioFrame(in);
+    for (int r = 0; r < 64; ++r)
+        for (int c = 0; c < 64; ++c) {
+            ASSERT_EQ(p->doaFrame->data[r][c], static_cast<float>(2 * r * 1000 + c));
+            ASSERT_EQ(p->extraFrame->data[r][c], static_cast<float>(2 * r * 1000 + c));
+        }
+
+    // The pickup ring: three buffers reused in turn, the newest at the back.
+    ASSERT_EQ(p->framePool.size(), 3u);
+    const std::vector<mat2d_fp32*> bufs(p->framePool.begin(), p->framePool.end());
+    for (int frame = 0; frame < 4; ++frame) {
+        in->data[0][0] = static_cast<float>(-1 - frame);
+        p->pushPickUpAudioFrame(in);
+        EXPECT_EQ(p->framePool.back(), bufs[frame % 3]) << frame;
+        EXPECT_EQ(p->framePool.back()->data[0][0], static_cast<float>(-1 - frame));
+    }
+    EXPECT_EQ(p->framePool.size(), 3u);
+    // The fourth frame overwrote the buffer of the first; the second survives.
+    EXPECT_EQ(bufs[0]->data[0][0], -4.0f);
+    EXPECT_EQ(bufs[1]->data[0][0], -2.0f);
+    destroy_mat2d_fp32(in);
+}

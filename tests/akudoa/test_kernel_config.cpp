@@ -247,32 +247,33 @@ TEST_F(KernelTest, ReadoutsRefuseWithoutEngine)
     AKUDoaKernel k;
     mat2d_fp32* frame = create_mat2d_fp32(128, 256);
     mat2d_fp32* map = create_mat2d_fp32(8, 8);
-    vec_fp32* spec = create_vec_fp32(129);
+    vec_fp32* spectrum = create_vec_fp32(129);
     vec_fp32* audio = create_vec_fp32(256);
     float dist = -1.0f, power = -1.0f;
     int lo = -5, hi = -5;
     const fpoint2d target{0.0f, 1, 1};
 
     // Before init.
-    EXPECT_FALSE(k.readHeatMap(frame, map, spec, 0));
+    EXPECT_FALSE(k.readHeatMap(frame, map, spectrum, 0));
     EXPECT_EQ(k.freqBandsManager(), nullptr);
 
     ASSERT_TRUE(k.init(ini("[AudioRecordingParam]\nchannel_num = 16\nframe_size = 256\n"
                            "[AcousticCameraParam]\nimage_resolution_row = 8\nimage_resolution_col = 8\n")
                            .c_str()));
-    EXPECT_FALSE(k.readHeatMap(nullptr, map, spec, 0));
-    EXPECT_FALSE(k.readHeatMap(frame, map, spec, 0));
-    EXPECT_FALSE(k.readHeatMap(frame, map, target, dist, spec, 0));
-    EXPECT_FALSE(k.readHeatMap(frame, map, target, lo, hi, power, spec, 0));
+    EXPECT_FALSE(k.readHeatMap(nullptr, map, spectrum, 0));
+    EXPECT_FALSE(k.readHeatMap(frame, map, spectrum, 0));
+    EXPECT_FALSE(k.readHeatMap(frame, map, target, dist, spectrum, 0));
+    EXPECT_FALSE(k.readHeatMap(frame, map, target, lo, hi, power, spectrum, 0));
     EXPECT_FALSE(k.readHeatMapExtra(frame, map));
     EXPECT_FALSE(k.readLineHeatMap(frame, map, map));
-    EXPECT_FALSE(k.readPickedUpAudio(frame, audio, target));
+    // The pickup exists from init on, engine or not.
+    EXPECT_TRUE(k.readPickedUpAudio(frame, audio, target));
     EXPECT_EQ(dist, -1.0f);
     EXPECT_EQ(lo, -5);
 
     destroy_mat2d_fp32(frame);
     destroy_mat2d_fp32(map);
-    destroy_vec_fp32(spec);
+    destroy_vec_fp32(spectrum);
     destroy_vec_fp32(audio);
 }
 

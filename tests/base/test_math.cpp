@@ -47,7 +47,11 @@ Lanes lanesOf(float32x4_t x)
 
 float32x4_t vec(float a, float b, float c, float d)
 {
-    const float v[4] = {a, b, c, d};
+    // Read through volatile so that the compiler cannot evaluate a test's
+    // expression at compile time: GCC folds a constant vaddvq_f32 left to
+    // right on AArch64, not in the pairwise order of the instruction.
+    volatile float in[4] = {a, b, c, d};
+    const float v[4] = {in[0], in[1], in[2], in[3]};
     return vld1q_f32(v);
 }
 

@@ -72,6 +72,8 @@ void StagedFile::commit()
 
 StagedDir::StagedDir(const std::string& outDir) : out_(outDir)
 {
+    struct stat st {};
+    createdOut_ = stat(outDir.c_str(), &st) != 0;
     makeDirs(outDir);
     std::string tmpl = joinPath(outDir, ".akudoa-tmp-XXXXXX");
     std::vector<char> buf(tmpl.begin(), tmpl.end());
@@ -95,6 +97,9 @@ StagedDir::~StagedDir()
         closedir(d);
     }
     rmdir(stage_.c_str());
+    // A failed run leaves no empty output directory behind either.
+    if (!committed_ && createdOut_)
+        rmdir(out_.c_str());
 }
 
 std::string StagedDir::path(const std::string& name)

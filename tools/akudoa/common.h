@@ -69,6 +69,7 @@ private:
     std::string out_;
     std::string stage_;
     std::vector<std::string> names_;
+    bool createdOut_ = false;
     bool committed_ = false;
 };
 

@@ -1,0 +1,72 @@
+#ifndef AKUDOA_TESTS_TOOLS_CLI_SUPPORT_H
+#define AKUDOA_TESTS_TOOLS_CLI_SUPPORT_H
+
+// Running the built akudoa program from tests: a clean work directory per
+// test, the exit status and the combined output of each run.
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include "common.h"
+
+namespace clitest {
+
+using akutool::joinPath;
+using akutool::makeDirs;
+
+
+struct ToolRun {
+    int status = -1;
+    std::string out; // standard output and standard error
+};
+
+inline std::string dirFor(const std::string& name)
+{
+    std::string d = joinPath(AKUDOA_TOOL_TEST_DIR, name);
+    (void)!std::system(("rm -rf '" + d + "'").c_str());
+    makeDirs(d);
+    return d;
+}
+
+inline ToolRun akudoa(const std::string& dir, const std::string& args)
+{
+    std::string log = joinPath(dir, "run.log");
+    std::string cmd = "cd '" + dir + "' && '" AKUDOA_TOOL_BINARY "' " + args + " > '" + log + "' 2>&1";
+    ToolRun r;
+    int st = std::system(cmd.c_str());
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    std::ifstream in(log);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    r.out = ss.str();
+    std::remove(log.c_str());
+    return r;
+}
+
+inline void writeText(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+
+inline bool exists(const std::string& path)
+{
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0;
+}
+
+// 64 microphones (a subset of the 128-channel array: every other capture
+// channel), a 16 x 12 far-field image and 512-sample frames keep the
+// steering tables small.
+inline std::string smallCamera(int mics = 64, int rows = 16, int cols = 12)
+{
+    return "[AudioRecordingParam]\nsample_frequency = 96000\nchannel_num = " + std::to_string(mics) +
+           "\nframe_size = 512\n[AcousticCameraParam]\nimage_resolution_row = " + std::to_string(rows) +
+           "\nimage_resolution_col = " + std::to_string(cols) +
+           "\nimage_correction_flag = 0\ndistanceMeasure_en = false\nrotate_mode = 1\n"
+           "[DOA]\nDOAVersionSelect = 3\nextra_en = false\n";
+}
+
+} // namespace clitest
+
+#endif

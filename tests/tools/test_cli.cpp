@@ -1,0 +1,86 @@
+// The built akudoa program: simulated recordings have the array's channel
+// count and are reproducible; bad inputs end with a message and a non-zero
+// status and leave nothing behind.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+
+#include "cli_support.h"
+#include "common.h"
+#include "wavio.h"
+
+using namespace akutool;
+using namespace clitest;
+
+
+// A 16-microphone ring is recorded on 16 channels; the same seed gives the
+// same file, byte for byte.
+TEST(ToolSimulate, ChannelCountAndReproducibility)
+{
+    std::string dir = dirFor("simulate");
+    writeText(joinPath(dir, "cam16.ini"), smallCamera(16));
+    writeText(joinPath(dir, "scene.ini"), "[scene]\nduration = 0.02\nmic_noise_db = -50\n[source]\n"
+                                          "position = 0.2 0.1 1.5\nsignal = tone\nfrequency = 15000\n");
+    ASSERT_EQ(akudoa(dir, "simulate --config cam16.ini --scene scene.ini --out a.wav").status, 0);
+    ASSERT_EQ(akudoa(dir, "simulate --config cam16.ini --scene scene.ini --out b.wav").status, 0);
+    ASSERT_EQ(akudoa(dir, "simulate --config cam16.ini --scene scene.ini --out c.wav --seed 5 --rate 48000").status,
+              0);
+    SoundReader a(joinPath(dir, "a.wav"));
+    EXPECT_EQ(a.info().channels, 16);
+    EXPECT_EQ(a.info().frames, 1920);
+    auto bytes = [&](const char* n) {
+        std::ifstream in(joinPath(dir, n), std::ios::binary);
+        return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    };
+    EXPECT_EQ(bytes("a.wav"), bytes("b.wav"));
+    SoundReader c(joinPath(dir, "c.wav"));
+    EXPECT_EQ(c.info().sampleRate, 48000);
+    EXPECT_EQ(c.info().frames, 960);
+}
+
+// Each bad input: status 1 (2 for a wrong command line), a message naming
+// the problem, and no output file or directory left behind.
+TEST(ToolErrors, BadInputsEndWithAMessageAndLeaveNothing)
+{
+    std::string dir = dirFor("errors");
+    writeText(joinPath(dir, "cam.ini"), smallCamera());
+    writeText(joinPath(dir, "cam20.ini"), smallCamera(20));
+    // 64 channels for a layout recorded on 128, and the right count at 48 kHz.
+    writeWavFloat(joinPath(dir, "ch64.wav"), std::vector<std::vector<float>>(64, std::vector<float>(2048, 0.1f)),
+                  96000);
+    writeWavFloat(joinPath(dir, "rate48.wav"), std::vector<std::vector<float>>(128, std::vector<float>(2048, 0.1f)),
+                  48000);
+    writeWavFloat(joinPath(dir, "short.wav"), std::vector<std::vector<float>>(128, std::vector<float>(100, 0.1f)),
+                  96000);
+    writeText(joinPath(dir, "text.wav"), "RIFF but not really a wave file, only text");
+    writeText(joinPath(dir, "scene.ini"), "[source]\npixel = 3 3\n");
+
+    struct Case {
+        std::string args;
+        int status;
+        std::string message;
+    };
+    const Case cases[] = {
+        {"image --config cam.ini --in ch64.wav --out out", 1, "ch64.wav has 64 channel(s)"},
+        {"image --config cam.ini --in rate48.wav --out out", 1, "sampled at 48000 Hz; cam.ini expects 96000 Hz"},
+        {"image --config cam.ini --in short.wav --out out", 1, "less than one frame"},
+        {"image --config cam.ini --in missing.wav --out out", 1, "cannot read missing.wav"},
+        {"image --config cam.ini --in text.wav --out out", 1, "cannot read text.wav as a sound file"},
+        {"image --config nothere.ini --in ch64.wav --out out", 1, "cannot read nothere.ini"},
+        {"image --config cam20.ini --in ch64.wav --out out", 1, "supports 8, 16, 36, 48, 64 or 128 microphones"},
+        {"image --config cam.ini --in ch64.wav --out out --background none.png", 1, "cannot read none.png"},
+        {"image --config cam.ini --in ch64.wav --out out --colormap jet", 1, "unknown colour map"},
+        {"image --config cam.ini --out out", 2, "--in is required"},
+        {"image --config cam.ini --in ch64.wav --out out --speed 3", 2, "unknown option --speed"},
+        {"simulate --config cam.ini --scene nope.ini --out out/x.wav", 1, "cannot read nope.ini"},
+        {"simulate --config cam20.ini --scene scene.ini --out out/x.wav", 1, "64 or 128 microphones"},
+        {"frobnicate", 2, "unknown command"},
+    };
+    for (const Case& c : cases) {
+        ToolRun r = akudoa(dir, c.args);
+        EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.out;
+        EXPECT_NE(r.out.find(c.message), std::string::npos) << c.args << "\n" << r.out;
+        EXPECT_FALSE(exists(joinPath(dir, "out"))) << c.args;
+    }
+}
