@@ -12,10 +12,7 @@
 #include "AKUDoa/akudoatargetrange_p.h"
 #include "AKUDoa/akucluster.h"
 #include "AKUDoa/base/akudoaarray.h"
-#if __has_include("AKUDoa/akugaussianprocessregression.h")
 #include "AKUDoa/akugaussianprocessregression.h"
-#define AKUDOA_HAVE_GPR 1
-#endif
 #include "AKUDoa/base/akudoalogging.h"
 #include "AKUDoa/base/akudoamath.h"
 #include "AKUDoa/base/akudoaneon.h"
@@ -409,11 +406,10 @@ void AKUDoaQuantizeV3::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
         // Without self terms: minus sum |X_m|^2 (re and -im of every channel).
         const float offset = self ? 0.0f : -vec_power_fp32(d->fftData->data[b], 2u * M);
         ComplexNormOffset(d->beamComplex, d->beamPower, offset, b);
-#ifdef AKUDOA_HAVE_GPR
+        // Programs 53/54: the bin's image is re-rendered from its peaks.
         if (regression)
             AKUGaussianProcessRegression::predit_auto_process(d->beamPower->data[b], d->gprBins->data[b], NR, NC,
                                                               1.5f, 4.0f, 0.025f, d->cfg->targetQuantize);
-#endif
     }
 
     // Sum in band order so that the image does not depend on which thread
