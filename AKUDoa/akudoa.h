@@ -20,5 +20,6 @@
 #include "AKUDoa/akugaussianprocessregression.h"
 #include "AKUDoa/akudoabalancebk.h"
 #include "AKUDoa/akudoadistance.h"
+#include "AKUDoa/akudoaquantizeline.h"
 
 #endif
