@@ -14,10 +14,12 @@
 
 #include <iniparser.h>
 
+#include "AKUDoa/akudoacordinate_p.h"
 #include "AKUDoa/akudoakernel_p.h"
+#include "AKUDoa/akudoapickupv4.h"
 #include "AKUDoa/akudoaquantizeline.h"
-#include "AKUDoa/base/akudoalogging.h"
 #include "AKUDoa/base/akufftwindow.h"
+#include "AKUDoa/base/akudoalogging.h"
 
 namespace {
 
@@ -213,9 +215,11 @@ void AKUDoaKernelPrivate::releaseObjects()
 {
     // Engines are released first: they may still refer to the buffers and
     // the band manager below.
-    // The pickup, the planar engine, the distance measurer, the extended-view
-    // engine and the two linear engines are released here, in that order,
-    // once their classes exist; until then init never creates them.
+    delete pickup;
+    pickup = nullptr;
+    // The planar engine, the distance measurer and the extended-view engine
+    // are released here, in that order, once their classes exist; until then
+    // init never creates them.
     for (AKUDoaQuantizeLine*& line : lineEngine) {
         delete line;
         line = nullptr;
@@ -467,8 +471,13 @@ bool AKUDoaKernel::init(const char* path)
         d->freqBands = new AKUDoaFreqBands(d->frameSize, d->sampleRate);
         d->freqBands->updateBands({band});
 
-        // Pickup, and with distanceMeasureEn the distance measurer: created
-        // and initialised here once their classes exist.
+        // No INI key sets the pickup's full-band switch.
+        c.pickupFullBand = false;
+        d->pickup = new AKUDoaPickupV4();
+        d->pickup->initPickup(&d->cfg);
+
+        // With distanceMeasureEn the distance measurer: created and
+        // initialised here once its class exists.
 
         d->extraFrame = create_mat2d_fp32(d->channels, d->frameSize);
         d->doaFrame = create_mat2d_fp32(d->channels, d->frameSize);
@@ -480,7 +489,8 @@ bool AKUDoaKernel::init(const char* path)
 
         // Coordinate table (V4 rule for programs 4 and 54), the engine's
         // radius and self-spectrum modes and the default Tukey(0.2) imaging
-        // and Hann pickup windows: set here with the engines.
+        // window: set here with the engines.
+        setFFTWindow_pickup(FFT_WINDOW_HANN, 0.0f, 0.0f, 1.0f);
     }
 
     timespec t1{};
@@ -572,11 +582,66 @@ bool AKUDoaKernel::readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2
 
 bool AKUDoaKernel::readPickedUpAudio(mat2d_fp32* frame, vec_fp32* audio, fpoint2d target)
 {
-    (void)audio;
-    (void)target;
     if (!frame || d->cfg.initFlag != 1 || !d->pickup)
         return false;
-    return false; // pickup path: pool rotation, target correction, executePickup
+    // The pool is written without a lock: one calling thread only.
+    d->pushPickUpAudioFrame(frame);
+    std::lock_guard<std::mutex> lock(d->pickupMutex);
+    if (d->cfg.imageCorrectionFlag == 1) {
+        const StCamCfg& c = d->cfg;
+        const CordinateMat m{c.rx1, c.rx2, c.rx3, c.ry1, c.ry2, c.ry3};
+        target = akudoa_cordinate_point(m, static_cast<float>(c.sectionFactor), target);
+    }
+    d->pickup->initTargetPoint(target.x, target.y);
+    d->pickup->executePickup(d->framePool.back(), *d->freqBands, audio);
+    return true;
+}
+
+fpoint2d AKUDoaKernelPrivate::pickupTargetForCell(fpoint2d cell)
+{
+    const int rows = cfg.imageResolutionRow;
+    const int cols = cfg.imageResolutionCol;
+    int r = cell.x;
+    int c = cell.y;
+    if (cfg.imageCorrectionFlag == 1 && cordinate && r >= 0 && r < rows && c >= 0 && c < cols) {
+        // The displayed cell was resampled from (u, v) of the engine's map.
+        std::lock_guard<std::mutex> lock(cordinateMutex);
+        const float* uv = cordinate->data + 2 * (r * cols + c);
+        r = std::min(std::max(static_cast<int>(std::lround(uv[0])), 0), rows - 1);
+        c = std::min(std::max(static_cast<int>(std::lround(uv[1])), 0), cols - 1);
+    }
+    // The engine draws the wave from direction -w at its raw pixel with
+    // steering direction w; the pickup steers at +w of its stored target.
+    // The two grids coincide, so the stored target is the cell on an axis
+    // that the rotation mode flips and its mirror rows - 1 - row otherwise.
+    const int mode = cfg.rotateMode;
+    const bool flipRows = mode == 1 || mode == 3;
+    const bool flipCols = mode == 1 || mode == 2;
+    fpoint2d t = cell;
+    t.x = flipRows ? r : rows - 1 - r;
+    t.y = flipCols ? c : cols - 1 - c;
+    return t;
+}
+
+bool AKUDoaKernel::readPickedUpAudioAtCell(mat2d_fp32* frame, vec_fp32* audio, fpoint2d cell)
+{
+    if (!frame || d->cfg.initFlag != 1 || !d->pickup)
+        return false;
+    d->pushPickUpAudioFrame(frame);
+    const fpoint2d target = d->pickupTargetForCell(cell);
+    std::lock_guard<std::mutex> lock(d->pickupMutex);
+    d->pickup->steerTo(target.x, target.y);
+    d->pickup->executePickup(d->framePool.back(), *d->freqBands, audio);
+    return true;
+}
+
+void AKUDoaKernel::setFFTWindow_pickup(FFTWindowType type, float p1, float p2, float p3)
+{
+    if (!d->pickup)
+        return;
+    AKUFFTWindow window(d->frameSize, type, p1, p2, p3);
+    std::lock_guard<std::mutex> lock(d->pickupMutex);
+    d->pickup->updateFFTWin(window.data()->data, window.winLength());
 }
 
 AKUDoaFreqBands* AKUDoaKernel::freqBandsManager()

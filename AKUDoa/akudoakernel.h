@@ -3,6 +3,7 @@
 
 #include "AKUDoa/akudoacamcfg.h"
 #include "AKUDoa/akudoafreqbands.h"
+#include "AKUDoa/base/akufftwindow.h"
 #include "AKUDoa/base/akudoaexport.h"
 #include "AKUDoa/base/akudoamatrix.h"
 
@@ -42,7 +43,26 @@ public:
                      float& power, vec_fp32* spectrum, int channel);
     bool readHeatMapExtra(mat2d_fp32* frame, mat2d_fp32* heatMap);
     bool readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2d_fp32* heatMap1);
+    // Picked-up audio: pushes the frame into a ring of three buffers, then
+    // under the pickup lock steers at target (x = row, y = column; with
+    // image correction on, first mapped like a target point of the picture)
+    // and writes frameSize samples of the beam into audio. The block lags the
+    // frame by half a frame (plus 11 samples). One calling thread only: the
+    // ring is written without a lock. Planar mode only.
+    //
+    // Note: the pickup does not listen where the heat map draws a source at
+    // the same cell. It steers toward the cell mirrored through the image
+    // centre: a source drawn at cell (i, j) is heard with the target
+    // (rows - i, cols - j) in the default rotation mode 1 (rows - 1 - i on an
+    // axis the mode leaves unflipped). readPickedUpAudioAtCell does that.
     bool readPickedUpAudio(mat2d_fp32* frame, vec_fp32* audio, fpoint2d target);
+    // As readPickedUpAudio, but listens where the heat map (as returned by
+    // readHeatMap, after any coordinate correction) shows the cell (x = row,
+    // y = column). Measured for the V3 imaging grid.
+    bool readPickedUpAudioAtCell(mat2d_fp32* frame, vec_fp32* audio, fpoint2d cell);
+    // Pickup analysis window of frameSize samples (the default is Hann),
+    // set under the pickup lock.
+    void setFFTWindow_pickup(FFTWindowType type, float p1, float p2, float p3);
 
     // The band manager built by init (null before), for band and black-list
     // changes by the host. The kernel takes no lock for it.
