@@ -20,5 +20,9 @@
 #include "AKUDoa/akugaussianprocessregression.h"
 #include "AKUDoa/akudoabalancebk.h"
 #include "AKUDoa/akudoadistance.h"
+#include "AKUDoa/akudoaquantizev4.h"
+#include "AKUDoa/iakudoaquantize.h"
+#include "AKUDoa/akudoaquantizev3.h"
+#include "AKUDoa/akudoaquantizeparam.h"
 
 #endif

@@ -19,6 +19,7 @@
 #include "AKUDoa/akudoakernel_p.h"
 #include "AKUDoa/akudoapickupv4.h"
 #include "AKUDoa/akudoaquantizev3.h"
+#include "AKUDoa/base/akufftwindow.h"
 #include "AKUDoa/base/akudoalogging.h"
 
 namespace {
@@ -779,6 +780,44 @@ void AKUDoaKernel::setFFTWindow_doa(FFTWindowType type, float p1, float p2, floa
     std::lock_guard<std::mutex> doaLock(d->doaMutex);
     d->doaEngine->updateFFTWin(window.data()->data, window.data()->n);
     // The extended-view engine takes the same window once it exists.
+}
+
+fpoint2d AKUDoaKernelPrivate::pickupTargetForCell(fpoint2d cell)
+{
+    const int rows = cfg.imageResolutionRow;
+    const int cols = cfg.imageResolutionCol;
+    int r = cell.x;
+    int c = cell.y;
+    if (cfg.imageCorrectionFlag == 1 && cordinate && r >= 0 && r < rows && c >= 0 && c < cols) {
+        // The displayed cell was resampled from (u, v) of the engine's map.
+        std::lock_guard<std::mutex> lock(cordinateMutex);
+        const float* uv = cordinate->data + 2 * (r * cols + c);
+        r = std::min(std::max(static_cast<int>(std::lround(uv[0])), 0), rows - 1);
+        c = std::min(std::max(static_cast<int>(std::lround(uv[1])), 0), cols - 1);
+    }
+    // The engine draws the wave from direction -w at its raw pixel with
+    // steering direction w; the pickup steers at +w of its stored target.
+    // The two grids coincide, so the stored target is the cell on an axis
+    // that the rotation mode flips and its mirror rows - 1 - row otherwise.
+    const int mode = cfg.rotateMode;
+    const bool flipRows = mode == 1 || mode == 3;
+    const bool flipCols = mode == 1 || mode == 2;
+    fpoint2d t = cell;
+    t.x = flipRows ? r : rows - 1 - r;
+    t.y = flipCols ? c : cols - 1 - c;
+    return t;
+}
+
+bool AKUDoaKernel::readPickedUpAudioAtCell(mat2d_fp32* frame, vec_fp32* audio, fpoint2d cell)
+{
+    if (!frame || d->cfg.initFlag != 1 || !d->pickup)
+        return false;
+    d->pushPickUpAudioFrame(frame);
+    const fpoint2d target = d->pickupTargetForCell(cell);
+    std::lock_guard<std::mutex> lock(d->pickupMutex);
+    d->pickup->steerTo(target.x, target.y);
+    d->pickup->executePickup(d->framePool.back(), *d->freqBands, audio);
+    return true;
 }
 
 void AKUDoaKernel::setFFTWindow_pickup(FFTWindowType type, float p1, float p2, float p3)

@@ -44,7 +44,26 @@ public:
                      float& power, vec_fp32* spectrum, int channel);
     bool readHeatMapExtra(mat2d_fp32* frame, mat2d_fp32* heatMap);
     bool readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2d_fp32* heatMap1);
+    // Picked-up audio: pushes the frame into a ring of three buffers, then
+    // under the pickup lock steers at target (x = row, y = column; with
+    // image correction on, first mapped like a target point of the picture)
+    // and writes frameSize samples of the beam into audio. The block lags the
+    // frame by half a frame (plus 11 samples). One calling thread only: the
+    // ring is written without a lock. Planar mode only.
+    //
+    // Note: the pickup does not listen where the heat map draws a source at
+    // the same cell. It steers toward the cell mirrored through the image
+    // centre: a source drawn at cell (i, j) is heard with the target
+    // (rows - i, cols - j) in the default rotation mode 1 (rows - 1 - i on an
+    // axis the mode leaves unflipped). readPickedUpAudioAtCell does that.
     bool readPickedUpAudio(mat2d_fp32* frame, vec_fp32* audio, fpoint2d target);
+    // As readPickedUpAudio, but listens where the heat map (as returned by
+    // readHeatMap, after any coordinate correction) shows the cell (x = row,
+    // y = column). Measured for the V3 imaging grid.
+    bool readPickedUpAudioAtCell(mat2d_fp32* frame, vec_fp32* audio, fpoint2d cell);
+    // Pickup analysis window of frameSize samples (the default is Hann),
+    // set under the pickup lock.
+    void setFFTWindow_pickup(FFTWindowType type, float p1, float p2, float p3);
 
     // Amplitude arriving from target (x = row, y = column of the heat map)
     // in the last frame, in val; x and y come back as given. With correction
@@ -66,9 +85,9 @@ public:
     void setFocusDis(float distance, bool enable);
     float getFocusDis();
     bool getFocusDisEn();
-    // Analysis windows of the imaging and the pickup paths (frame length).
+    // Imaging analysis window of frameSize samples (the default is
+    // Tukey(0.2)), set under the engine lock.
     void setFFTWindow_doa(FFTWindowType type, float p1, float p2, float p3);
-    void setFFTWindow_pickup(FFTWindowType type, float p1, float p2, float p3);
     // Radius mode: only the central square of the image is computed.
     void setFocusRadius(bool on);
     bool focusRadius() const;

@@ -58,6 +58,13 @@ struct AKUDoaKernelPrivate {
     // Writes the frame over the oldest pool buffer and makes it the newest.
     void pushPickUpAudioFrame(const mat2d_fp32* frame);
 
+    // Pickup steering point (in the pickup's stored, already rotated
+    // coordinates, for AKUDoaPickupV4::steerTo) that listens where the heat
+    // map shows a source at the displayed cell (x = row, y = column): undoes
+    // the coordinate correction through the table (rounded to a cell), then
+    // mirrors by the rotation mode. Takes cordinateMutex while reading.
+    fpoint2d pickupTargetForCell(fpoint2d cell);
+
     // Releases every object and buffer built by init (not the dictionary).
     void releaseObjects();
 

@@ -298,6 +298,28 @@ void AKUDoaPickupV4::initTargetPoint(int row, int col)
         }
     }
 
+    p->applyTarget();
+}
+
+void AKUDoaPickupV4::steerTo(int row, int col)
+{
+    AKUDoaPickupV4Private* p = d;
+    if (row < 0 || row > p->rows || col < 0 || col > p->cols) {
+        row = p->rows / 2;
+        col = p->cols / 2;
+    }
+    if (row == p->targetRow && col == p->targetCol)
+        return;
+    p->targetRow = row;
+    p->targetCol = col;
+    p->applyTarget();
+}
+
+void AKUDoaPickupV4Private::applyTarget()
+{
+    AKUDoaPickupV4Private* p = this;
+    const int rows = p->rows;
+    const int cols = p->cols;
     const int r = p->targetRow;
     const int c = p->targetCol;
     const float t = 0.70710677f / tanf(static_cast<float>(p->cfg->eangleDomain) * static_cast<float>(kPi) / 180.0f);
@@ -310,7 +332,7 @@ void AKUDoaPickupV4::initTargetPoint(int row, int col)
     const float theta = atan2f(rho, t);
     const float phi = atan2f(u, v);
     p->computeDelays(sinf(theta), phi);
-    AKUDoaPickupV4Private::fir_sinctap_param_create(p->micDelay, p->taps);
+    fir_sinctap_param_create(p->micDelay, p->taps);
 }
 
 void AKUDoaPickupV4::updateFFTWin(float* window, int length)

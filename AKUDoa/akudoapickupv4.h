@@ -22,7 +22,9 @@ struct AKUDoaPickupV4Private;
 // source that the planar imaging engines draw at heat-map cell (i, j) is
 // therefore heard best with the target (rows - i, cols - j) in rotateMode 1
 // (generally: rows - i on a flipped axis, rows - 1 - i on an unflipped one),
-// that is, at the cell mirrored through the image centre.
+// that is, at the cell mirrored through the image centre. Equivalently,
+// steerTo(i, j) in mode 1 ((rows - 1 - i) on an unflipped axis) listens at
+// heat-map cell (i, j); the kernel's readPickedUpAudioAtCell uses that.
 //
 // Not thread safe: the kernel serialises every call under its pickup lock.
 // Runs on the calling thread; allocates and plans only in initPickup.
@@ -40,6 +42,11 @@ public:
     // inclusive) is replaced by the centre; a point equal to the last stored
     // target recomputes nothing.
     void initTargetPoint(int row, int col);
+    // Steers at a point given after the rotation mapping (the coordinates
+    // initTargetPoint stores), bypassing the mapping and its shortcut, which
+    // compares the caller's point with the stored, mapped one. Out-of-image
+    // points go to the centre; an unchanged target recomputes nothing.
+    void steerTo(int row, int col);
     // Copies the analysis window when length equals the frame size; any other
     // length is ignored. The window is all zero (silence) until set.
     void updateFFTWin(float* window, int length);

@@ -47,6 +47,8 @@ struct AKUDoaPickupV4Private {
     void processPickup(AKUDoaFreqBands& bands, vec_fp32* out);
     // The steering delays of the stored target into micDelay.
     void computeDelays(float sinTheta, float phi);
+    // Delays and taps for (targetRow, targetCol).
+    void applyTarget();
 };
 
 // Delay-and-sum of one frame: acc[n] += sum_k hist[m][n + k] * taps[m][k] over

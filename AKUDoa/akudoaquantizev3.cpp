@@ -9,12 +9,10 @@
 #include <vector>
 
 #include "AKUDoa/akudoaquantizev3_p.h"
+#include "AKUDoa/akudoatargetrange_p.h"
 #include "AKUDoa/akucluster.h"
 #include "AKUDoa/base/akudoaarray.h"
-#if __has_include("AKUDoa/akugaussianprocessregression.h")
 #include "AKUDoa/akugaussianprocessregression.h"
-#define AKUDOA_HAVE_GPR 1
-#endif
 #include "AKUDoa/base/akudoalogging.h"
 #include "AKUDoa/base/akudoamath.h"
 #include "AKUDoa/base/akudoaneon.h"
@@ -408,11 +406,10 @@ void AKUDoaQuantizeV3::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
         // Without self terms: minus sum |X_m|^2 (re and -im of every channel).
         const float offset = self ? 0.0f : -vec_power_fp32(d->fftData->data[b], 2u * M);
         ComplexNormOffset(d->beamComplex, d->beamPower, offset, b);
-#ifdef AKUDOA_HAVE_GPR
+        // Programs 53/54: the bin's image is re-rendered from its peaks.
         if (regression)
             AKUGaussianProcessRegression::predit_auto_process(d->beamPower->data[b], d->gprBins->data[b], NR, NC,
                                                               1.5f, 4.0f, 0.025f, d->cfg->targetQuantize);
-#endif
     }
 
     // Sum in band order so that the image does not depend on which thread
@@ -531,109 +528,7 @@ float AKUDoaQuantizeV3::getPaWithTarget(fpoint2d target, AKUDoaFreqBands& bands)
 void AKUDoaQuantizeV3::findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& bands, int& lowFreq, int& highFreq,
                                            float& power)
 {
-    lowFreq = -1;
-    highFreq = -1;
-    const std::vector<doaFreqInfo> L = bands.data();
-    if (L.empty() || !d->beamPower)
-        return;
-    const int R = d->imageRows;
-    const int C = d->imageCols;
-    const int M = d->micNum;
-    const int N = d->frameSize;
-    const bool average = d->cfg->freqAverage;
-    const int stride = average ? 2 : 1;
-
-    // Accepted peaks: the band entry's bin (full FFT resolution, also with
-    // averaging, so that the range converts with the FFT bin width) and the
-    // peak's power.
-    struct IdxType {
-        int bin;
-        float value;
-    };
-    std::vector<IdxType> F;
-    // The search window may extend past the image; only the image is scanned.
-    const int r0 = std::max(target.x - 8, 0), r1 = std::min(target.x + 8, R);
-    const int c0 = std::max(target.y - 8, 0), c1 = std::min(target.y + 8, C);
-    std::vector<fpoint2d> peaks;
-    for (size_t k = 0; k < L.size(); k += static_cast<size_t>(stride)) {
-        const int b = average ? (L[k].bin >> 1) : L[k].bin;
-        if (b < 0 || b >= d->binNum)
-            continue;
-        peaks.clear();
-        if (r0 < r1 && c0 < c1)
-            array_findpeak2d(d->beamPower->data[b], R, C, 0.0f, peaks, r0, r1, c0, c1);
-        std::sort(peaks.begin(), peaks.end(), [](const fpoint2d& a, const fpoint2d& q) { return a.val > q.val; });
-        for (const fpoint2d& pk : peaks) {
-            if (pk.val < 0.01f)
-                break;
-            if (point_quad(pk, target) <= 9.0f) { // within three pixels
-                F.push_back({L[k].bin, pk.val});
-                break;
-            }
-        }
-    }
-
-    std::vector<int> bins;
-    bins.reserve(F.size());
-    for (const IdxType& e : F)
-        bins.push_back(e.bin);
-    const std::vector<std::vector<int>> K = d->cluster->doKCluster(bins, 3);
-    // An empty cluster has no first or last bin: treated like a failed split.
-    if (K.size() != 3 || K[0].empty() || K[1].empty() || K[2].empty())
-        return;
-    const size_t size0 = K[0].size(), size1 = K[1].size(), size2 = K[2].size();
-    float s0 = 0.0f, s1 = 0.0f, s2 = 0.0f;
-    size_t i = 0;
-    for (size_t n = 0; n < size0 && i < F.size(); ++n)
-        s0 += F[i++].value;
-    for (size_t n = 0; n < size1 && i < F.size(); ++n)
-        s1 += F[i++].value;
-    for (size_t n = 0; n < size2 && i < F.size(); ++n)
-        s2 += F[i++].value;
-    const float total = s0 + s1 + s2;
-    const int gap01 = K[1].front() - K[0].back();
-    const int gap12 = K[2].front() - K[1].back();
-    int lo = K[0].front();
-    int hi = K[2].back();
-    // Rules 1 to 3 cannot fire with positive powers; they are kept so the
-    // decision table stays complete.
-    if (0.05 * s0 > total) {
-        hi = K[0].back();
-        if (gap01 < 21) {
-            hi = K[2].back();
-            if (gap12 > 20)
-                hi = K[1].back();
-        }
-    } else if (total < 0.05 * s1) {
-        if (gap01 > 20)
-            lo = K[1].front();
-        if (gap12 > 20)
-            hi = K[1].back();
-    } else if (total < 0.05 * s2) {
-        lo = K[2].front();
-        if (gap12 < 21) {
-            lo = K[0].front();
-            if (gap01 > 20)
-                lo = K[1].front();
-        }
-    } else if (size1 >= size0 && size1 >= size2) {
-        if (gap01 > 20)
-            lo = K[1].front();
-        if (gap12 > 20)
-            hi = K[1].back();
-    } else if (size0 > size1 && size0 >= size2) {
-        hi = K[0].back();
-        if (gap01 < 21)
-            hi = K[1].back();
-    } else {
-        lo = K[2].front();
-        if (gap12 < 21)
-            lo = K[1].front();
-    }
-    for (const IdxType& e : F)
-        if (e.bin >= lo && e.bin <= hi)
-            power += e.value;
-    power = std::sqrt(power / static_cast<float>((M - 1) * M)) / static_cast<float>(N);
-    lowFreq = (lo * d->sampleRate) / N;
-    highFreq = (hi * d->sampleRate) / N;
+    const AKUDoaTargetRangeSource src{d->beamPower, d->imageRows, d->imageCols, d->micNum,
+                                      d->frameSize, d->sampleRate, d->cfg && d->cfg->freqAverage};
+    akudoa_find_target_freq_range(src, d->cluster, target, bands.data(), lowFreq, highFreq, power);
 }

@@ -4,7 +4,9 @@
 # starting with Simd), the four-lane math, and the small end-to-end imaging
 # case (EndToEndSmall). The subset runs twice: on a processor model with the
 # Arm dot-product instructions and on one without, so both run-time paths
-# are exercised.
+# are exercised. On each model the steering tables of a few small
+# configurations must come out byte-identical to those of the native x86_64
+# build (built in build/, as scripts/test.sh does).
 #   scripts/test-arm.sh               set up (scripts/setup-deps.sh --arm), build, run
 #   scripts/test-arm.sh -R Foo ...    extra arguments go to both ctest runs
 # Environment: AKUDOA_WERROR=ON|OFF (default OFF), AKUDOA_ARM_CPUS (the
@@ -40,10 +42,24 @@ hwcap_dotprod() {
   if (( (cap >> 20) & 1 )); then echo yes; else echo no; fi
 }
 
+# The native writer of the steering tables, with scripts/test.sh's settings.
+cmake -S . -B build -DAKUDOA_BUILD_TESTS=ON -DAKUDOA_WERROR="${AKUDOA_WERROR:-OFF}" \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build -j"$jobs" --target akudoa_steering_tables >/dev/null
+tables=$dir/tables
+rm -rf "$tables" && mkdir -p "$tables"
+build/tests/akudoa_steering_tables "$tables/x86_64" >/dev/null
+
 for cpu in $cpus; do
   echo "== AArch64 subset on qemu -cpu $cpu (dot product: $(hwcap_dotprod "$cpu"))"
   start=$SECONDS
   QEMU_CPU=$cpu ctest --test-dir "$dir" --output-on-failure -j"$jobs" \
     --no-tests=ignore -R "$subset" "$@"
+  QEMU_CPU=$cpu qemu-aarch64 "$dir/tests/akudoa_steering_tables" "$tables/aarch64-$cpu" >/dev/null
+  if ! diff -r "$tables/x86_64" "$tables/aarch64-$cpu"; then
+    echo "test-arm: steering tables of the x86_64 and AArch64 ($cpu) builds differ" >&2
+    exit 1
+  fi
+  echo "test-arm: steering tables byte-identical to x86_64 ($(find "$tables/x86_64" -type f | wc -l) files)"
   echo "test-arm: $cpu took $((SECONDS - start)) s"
 done

@@ -5,8 +5,8 @@
 //
 // Every generator is symmetric (it divides by N - 1) except the periodic
 // Blackman-Harris one (divides by N). A few generators deliberately differ
-// from the textbook form and must stay that way, because cached steering
-// tables and host calibrations were made with them:
+// from the textbook form; they are kept as they are for compatibility with
+// existing hosts:
 //   - Bartlett, even N: the rising half ends one sample early, so sample
 //     (N-1)/2 exceeds 1 (N = 4 gives 0, 4/3, 2/3, 0).
 //   - Gaussian, even N: centred on sample N/2, one sample off the middle.

@@ -288,6 +288,32 @@ TEST(PickupV4Edge, SameTargetRecomputesNothing)
     EXPECT_EQ(d->micDelay->data[0], 99.f);
 }
 
+TEST(PickupV4Edge, SteerToBypassesMappingAndShortcut)
+{
+    auto cfg = makeCfg(8, 8, 6, 64);
+    AKUDoaPickupV4 a, b;
+    a.initPickup(cfg.get());
+    b.initPickup(cfg.get());
+    AKUDoaPickupV4Private* da = AKUDoaPickupV4Access::d(a);
+    AKUDoaPickupV4Private* db = AKUDoaPickupV4Access::d(b);
+    // Mode 1: initTargetPoint(2, 5) stores (6, 1); steerTo(6, 1) is the same.
+    a.initTargetPoint(2, 5);
+    b.steerTo(6, 1);
+    EXPECT_EQ(db->targetRow, 6);
+    EXPECT_EQ(db->targetCol, 1);
+    for (int m = 0; m < 8; ++m)
+        EXPECT_EQ(da->micDelay->data[m], db->micDelay->data[m]);
+    // Where initTargetPoint(6, 1) would be skipped (equal to the stored
+    // target), steerTo(2, 5) steers there.
+    b.steerTo(2, 5);
+    EXPECT_EQ(db->targetRow, 2);
+    EXPECT_EQ(db->targetCol, 5);
+    EXPECT_NE(da->micDelay->data[1], db->micDelay->data[1]);
+    b.steerTo(-1, 3);
+    EXPECT_EQ(db->targetRow, 4);
+    EXPECT_EQ(db->targetCol, 3);
+}
+
 TEST(PickupV4Edge, DelaysFollowTheSteeringDirection)
 {
     // Sign and axis faults in the delay formula: compare with the direction

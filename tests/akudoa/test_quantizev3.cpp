@@ -763,7 +763,6 @@ TEST_F(V3Test, TwoEqualSourcesGiveTwoSimilarMaxima)
     destroy_mat2d_fp32(frame);
 }
 
-#if __has_include("AKUDoa/akugaussianprocessregression.h")
 TEST_F(V3Test, RegressionProgramKeepsTheSourceAtItsPixel)
 {
     StCamCfg cfg = makeCfg(64, 16, 12);
@@ -778,7 +777,6 @@ TEST_F(V3Test, RegressionProgramKeepsTheSourceAtItsPixel)
     EXPECT_LE(std::abs(best % 12 - 7), 1);
     destroy_mat2d_fp32(frame);
 }
-#endif
 
 // Small end-to-end case, also run under AArch64 emulation: 16 microphones,
 // a 12 x 10 image and 256-sample frames (54 bins in the band).

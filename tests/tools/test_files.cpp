@@ -1,6 +1,7 @@
 // Sound files, PNG files, colour maps and heat-map pictures.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <sys/stat.h>
@@ -180,4 +181,29 @@ TEST(HeatMapPicture, LevelsPositionsAndSize)
     EXPECT_EQ(img.height, 40);
     EXPECT_EQ(rgb(49, 0)[0], 77);
     EXPECT_NE(rgb(25, 15)[0], 77); // peak cell (1, 2) covers x 20..29, y 10..19
+}
+
+// The colour scale beside the picture runs from the top colour (0 dB) down
+// to the bottom one (-range), and the picture itself is kept unchanged.
+TEST(HeatMapPicture, ColorBarRunsFromMaximumDown)
+{
+    RgbImage pic(40, 300);
+    for (size_t i = 0; i < pic.rgb.size(); ++i)
+        pic.rgb[i] = static_cast<uint8_t>(i % 251);
+    RgbImage out = withColorBar(pic, "viridis", 12.0);
+    ASSERT_EQ(out.height, 300);
+    ASSERT_GT(out.width, 40);
+    for (int y = 0; y < 300; ++y)
+        for (int x = 0; x < 40; ++x)
+            ASSERT_EQ(out.at(x, y)[1], pic.at(x, y)[1]);
+    const ColorTable& t = colorMap("viridis");
+    // Find the bar: the first column right of the picture holding the top colour.
+    int bar = -1;
+    for (int x = 40; x < out.width && bar < 0; ++x)
+        if (std::equal(t[255].begin(), t[255].end(), out.at(x, 10)))
+            bar = x;
+    ASSERT_GE(bar, 0);
+    const std::array<uint8_t, 3> bottom{out.at(bar, 289)[0], out.at(bar, 289)[1], out.at(bar, 289)[2]};
+    EXPECT_EQ(bottom, t[0]);
+    EXPECT_LT(lightness(bottom), lightness(t[128]));
 }

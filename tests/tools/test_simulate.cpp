@@ -6,6 +6,7 @@
 #include <complex>
 #include <numeric>
 
+#include "camera.h"
 #include "common.h"
 #include "ini.h"
 #include "scene.h"
@@ -305,4 +306,45 @@ TEST(SceneGeometry, PixelDirectionsOfTheFarFieldGrid)
     EXPECT_NEAR(flipped.v.x, low.v.x, 1e-12);
     g.program = 4;
     EXPECT_THROW(pixelTarget(g, 1, 1), ToolError);
+}
+
+// Every pixel's own direction is nearest to itself (the simulator's
+// "expected at" line), far field and focused alike; the focal grid sits at
+// the focus distance and is mirrored about the image centre.
+TEST(SceneGeometry, EveryPixelIsNearestToItsOwnDirection)
+{
+    ImageGeometry g;
+    g.rows = 12;
+    g.cols = 10;
+    for (bool focus : {false, true}) {
+        g.focusEnabled = focus;
+        g.focusDistance = 1.5;
+        for (int r = 0; r < g.rows; ++r)
+            for (int c = 0; c < g.cols; ++c) {
+                PixelTarget t = pixelTarget(g, r, c);
+                EXPECT_EQ(t.nearField, focus);
+                if (focus) {
+                    EXPECT_DOUBLE_EQ(t.v.z, 1.5);
+                }
+                int rr = -1, cc = -1;
+                ASSERT_TRUE(nearestPixel(g, t.v, rr, cc));
+                EXPECT_EQ(rr, r);
+                EXPECT_EQ(cc, c);
+                PixelTarget m = pixelTarget(g, g.rows - 1 - r, g.cols - 1 - c);
+                EXPECT_NEAR(m.v.x, -t.v.x, 1e-12);
+                EXPECT_NEAR(m.v.y, -t.v.y, 1e-12);
+            }
+    }
+    // The affine correction: with rx3 = ry2 = 1 and offsets of 2 cells
+    // (rx1 = 2 F) the delivered pixel (r, c) shows grid cell (r + 2, c).
+    ImageGeometry corrected = g;
+    corrected.focusEnabled = false;
+    corrected.correction = true;
+    corrected.rx1 = 2 * corrected.sectionFactor;
+    corrected.rx3 = 1;
+    corrected.ry2 = 1;
+    g.focusEnabled = false;
+    PixelTarget a = pixelTarget(corrected, 3, 4), b = pixelTarget(g, 5, 4);
+    EXPECT_NEAR(a.v.x, b.v.x, 1e-12);
+    EXPECT_NEAR(a.v.y, b.v.y, 1e-12);
 }

@@ -13,9 +13,11 @@ namespace akutool {
 
 int runSimulate(const std::vector<std::string>& args);
 int runImage(const std::vector<std::string>& args);
+int runPickup(const std::vector<std::string>& args);
 
 extern const char* const kSimulateHelp;
 extern const char* const kImageHelp;
+extern const char* const kPickupHelp;
 
 } // namespace akutool
 

@@ -22,7 +22,7 @@ namespace akutool {
 const char* const kImageHelp =
     "usage: akudoa image --config CAMERA.ini --in RECORDING.wav --out DIR\n"
     "                    [--every N] [--range DB] [--scale S] [--colormap inferno|viridis]\n"
-    "                    [--background PHOTO.png] [--no-marker] [--max-frames N]\n"
+    "                    [--background PHOTO.png] [--no-marker] [--colorbar] [--max-frames N]\n"
     "                    [--cache DIR] [--verbose]\n"
     "\n"
     "Runs the recording through the library one frame (frame_size samples, no\n"
@@ -30,7 +30,8 @@ const char* const kImageHelp =
     "  frame_NNNNN.png   heat map of every N-th frame (--every, default 1), levels from\n"
     "                    the frame maximum down to --range dB (default 10) in a\n"
     "                    perceptual colour map, the peak marked; --scale pixels per\n"
-    "                    cell (default 8) or, with --background, the photo's size\n"
+    "                    cell (default 8) or, with --background, the photo's size;\n"
+    "                    --colorbar adds the labelled colour scale on the right\n"
     "  peaks.csv         per frame: frame, time_s, peak_row, peak_col, peak_level, peak_db\n"
     "  heatmap.f32       every frame's heat map, raw little-endian float32,\n"
     "                    frames x rows x cols (row-major), shape in heatmap.txt\n"
@@ -65,7 +66,7 @@ int runImage(const std::vector<std::string>& argv)
 {
     Args args(argv,
               {"config", "in", "out", "every", "range", "scale", "colormap", "background", "max-frames", "cache"},
-              {"no-marker", "verbose"});
+              {"no-marker", "colorbar", "verbose"});
     const std::string configPath = args.required("config");
     const std::string inPath = args.required("in");
     const std::string outDir = args.required("out");
@@ -83,6 +84,7 @@ int runImage(const std::vector<std::string>& argv)
     ropt.colorMap = args.get("colormap", "inferno");
     colorMap(ropt.colorMap); // reject an unknown name before any work
     ropt.markPeak = !args.has("no-marker");
+    const bool colorBar = args.has("colorbar");
 
     // Every input is checked before the (possibly long) table set-up and
     // before anything is written.
@@ -171,6 +173,8 @@ int runImage(const std::vector<std::string>& argv)
         }
         if (f % every == 0) {
             RgbImage img = renderHeatMap(map.data(), rows, cols, ropt);
+            if (colorBar)
+                img = withColorBar(img, ropt.colorMap, ropt.rangeDb);
             std::string name = frameName(f);
             writePng(out.path(name), img);
             ++pngs;

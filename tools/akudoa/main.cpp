@@ -1,6 +1,7 @@
 // akudoa: the command-line front end of the acoustic camera library.
 //   akudoa simulate ...   write a recording of a scene for a configuration
 //   akudoa image ...      heat maps of a recording
+//   akudoa pickup ...     the sound from one heat-map cell
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -25,6 +26,8 @@ const Command kCommands[] = {
      &akutool::kSimulateHelp},
     {"image", "heat-map PNGs, peak CSV and raw maps of a multichannel WAV", akutool::runImage,
      &akutool::kImageHelp},
+    {"pickup", "mono WAV of the sound from one heat-map cell (or the peak) of a multichannel WAV",
+     akutool::runPickup, &akutool::kPickupHelp},
 };
 
 void usage(FILE* to)

@@ -1,6 +1,7 @@
 #include "render.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cmath>
 #include <limits>
 
@@ -120,6 +121,72 @@ RgbImage renderHeatMap(const float* map, int rows, int cols, const RenderOptions
         drawMarker(img, cx, cy, 0.35 * std::min(1.0 / sx, 1.0 / sy) + 3.0);
     }
     return img;
+}
+
+namespace {
+// A 3 x 5 pixel font for the scale labels: rows top to bottom, bit 2 is the
+// left column.
+struct Glyph {
+    char c;
+    uint8_t rows[5];
+};
+const Glyph kFont[] = {
+    {'0', {7, 5, 5, 5, 7}}, {'1', {2, 6, 2, 2, 7}}, {'2', {7, 1, 7, 4, 7}}, {'3', {7, 1, 7, 1, 7}},
+    {'4', {5, 5, 7, 1, 1}}, {'5', {7, 4, 7, 1, 7}}, {'6', {7, 4, 7, 5, 7}}, {'7', {7, 1, 1, 1, 1}},
+    {'8', {7, 5, 7, 5, 7}}, {'9', {7, 5, 7, 1, 7}}, {'-', {0, 0, 7, 0, 0}}, {'.', {0, 0, 0, 0, 2}},
+    {'d', {1, 1, 7, 5, 7}}, {'B', {6, 5, 6, 5, 6}}, {' ', {0, 0, 0, 0, 0}},
+};
+
+void drawText(RgbImage& img, int x, int y, const std::string& text, int px)
+{
+    for (char ch : text) {
+        for (const Glyph& g : kFont) {
+            if (g.c != ch)
+                continue;
+            for (int r = 0; r < 5; ++r)
+                for (int c = 0; c < 3; ++c)
+                    if (g.rows[r] & (4 >> c))
+                        for (int dy = 0; dy < px; ++dy)
+                            for (int dx = 0; dx < px; ++dx)
+                                plot(img, x + c * px + dx, y + r * px + dy, 230);
+        }
+        x += 4 * px;
+    }
+}
+
+std::string dbLabel(double v)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%g", v);
+    return buf;
+}
+} // namespace
+
+RgbImage withColorBar(const RgbImage& picture, const std::string& colorMapName, double rangeDb)
+{
+    const ColorTable& cmap = colorMap(colorMapName);
+    const int px = picture.height >= 200 ? 2 : 1; // font scale
+    const int barW = 6 * px, gap = 4 * px;
+    const int labelW = 4 * px * 5;                 // five characters
+    const int extra = gap + barW + gap + labelW + gap;
+    RgbImage out(picture.width + extra, picture.height);
+    for (int y = 0; y < picture.height; ++y)
+        std::copy(picture.at(0, y), picture.at(0, y) + picture.width * 3, out.at(0, y));
+    const int top = 5 * px, bottom = picture.height - 5 * px - 1;
+    if (bottom - top < 10)
+        return out;
+    const int x0 = picture.width + gap;
+    for (int y = top; y <= bottom; ++y) {
+        double t = 1.0 - static_cast<double>(y - top) / (bottom - top);
+        const auto& col = cmap[static_cast<size_t>(std::lround(t * 255.0))];
+        for (int x = x0; x < x0 + barW; ++x)
+            std::copy(col.begin(), col.end(), out.at(x, y));
+    }
+    const int tx = x0 + barW + gap;
+    drawText(out, tx, top, "0 dB", px);
+    drawText(out, tx, (top + bottom) / 2 - 2 * px, dbLabel(-rangeDb / 2), px);
+    drawText(out, tx, bottom - 5 * px + 1, dbLabel(-rangeDb), px);
+    return out;
 }
 
 } // namespace akutool

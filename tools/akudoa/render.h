@@ -37,6 +37,10 @@ struct RenderOptions {
 // levels get the map's first colour, or leave the background visible.
 RgbImage renderHeatMap(const float* map, int rows, int cols, const RenderOptions& opt);
 
+// The picture widened by a strip on its right holding the colour scale from
+// 0 dB (top, the frame maximum) down to -rangeDb (bottom), labelled.
+RgbImage withColorBar(const RgbImage& picture, const std::string& colorMap, double rangeDb);
+
 } // namespace akutool
 
 #endif

@@ -77,6 +77,9 @@ void writeWavFloat(const std::string& path, const std::vector<std::vector<float>
     SNDFILE* f = sf_open(staged.tempPath().c_str(), SFM_WRITE, &sfi);
     if (!f)
         throw ToolError("cannot write " + path + ": " + sf_strerror(nullptr));
+    // The PEAK chunk carries the time of writing; without it the same
+    // samples always give the same bytes.
+    sf_command(f, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
     const size_t block = 4096;
     std::vector<float> inter(block * channels);
     bool ok = true;

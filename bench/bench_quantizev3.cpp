@@ -1,0 +1,271 @@
+// Planar engine V3 at the default configuration: 128 microphones, 64 x 48
+// image, 1024-sample frames at 96 kHz, band 20-40 kHz (214 bins).
+//
+// Printed figures:
+//  - table build time and peak resident memory of doaInit with an empty
+//    cache (the process has done nothing else before), the cache save time,
+//    and the time of a doaInit that loads the pair from the cache;
+//  - median time of one executeDOA (FFT included) with the vector beam-sum
+//    path and with the scalar reference;
+//  - the steering bytes one frame streams (214 table rows of 2*M*P bytes),
+//    a streaming-read bandwidth measured in the same run over a buffer much
+//    larger than the last-level cache, and the ratio
+//    frame time / (bytes / bandwidth): 1.0 means the frame runs at the
+//    memory floor.
+// The cache goes to $AKUDOA_CACHE_DIR, or to a fresh directory under /tmp.
+#include <benchmark/benchmark.h>
+#include <omp.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "AKUDoa/akudoafreqbands.h"
+#include "AKUDoa/akudoaquantizev3.h"
+#include "AKUDoa/akudoaquantizev3_p.h"
+#include "AKUDoa/base/akudoamatrix.h"
+
+namespace {
+
+constexpr int kMics = 128;
+constexpr int kRows = 64;
+constexpr int kCols = 48;
+constexpr int kN = 1024;
+constexpr int kRate = 96000;
+constexpr double kPi = 3.14159265358979323846;
+
+using Clock = std::chrono::steady_clock;
+
+double seconds(Clock::time_point a, Clock::time_point b)
+{
+    return std::chrono::duration<double>(b - a).count();
+}
+
+long peakRssKB()
+{
+    struct rusage ru;
+    getrusage(RUSAGE_SELF, &ru);
+    return ru.ru_maxrss;
+}
+
+// The 128-microphone layout: seven rings of 17 and an inner ring of 9.
+void defaultConfig(StCamCfg& cfg)
+{
+    std::memset(&cfg, 0, sizeof cfg);
+    cfg.doaVersionSelect = 3;
+    cfg.sampleFrequency = kRate;
+    cfg.channelNum = kMics;
+    cfg.imageResolutionRow = kRows;
+    cfg.imageResolutionCol = kCols;
+    cfg.sectionFactor = 10;
+    cfg.frameSize = kN;
+    cfg.imageThetaXYFactor = 1.3f;
+    cfg.eangleDomain = 43;
+    cfg.micMaxRadius = 0.11f;
+    cfg.focusDistance = 1.0f;
+    cfg.rotateMode = 1;
+    for (float& s : cfg.micSensitivity)
+        s = 1.0f;
+    for (int k = 0; k < 7; ++k)
+        for (int j = 0; j < 17; ++j) {
+            cfg.micIndex[17 * k + j] = 17 * k + j;
+            cfg.micRadius[17 * k + j] = static_cast<float>(0.0171 + 0.0071 * k);
+            cfg.micPhi[17 * k + j] = static_cast<float>(std::remainder((k * 360.0 / 7 + j * 360.0 / 17) * kPi / 180, 2 * kPi));
+        }
+    for (int j = 0; j < 9; ++j) {
+        cfg.micIndex[119 + j] = 119 + j;
+        cfg.micRadius[119 + j] = 0.01f;
+        cfg.micPhi[119 + j] = static_cast<float>(std::remainder((80.0 + 40.0 * j) * kPi / 180, 2 * kPi));
+    }
+}
+
+struct World {
+    StCamCfg cfg;
+    AKUDoaQuantizeV3* engine = nullptr;
+    AKUDoaFreqBands bands{kN, kRate};
+    mat2d_fp32* frame = nullptr;
+    mat2d_fp32* heat = nullptr;
+    double steerBytes = 0; // per frame
+    double bandwidth = 0;  // bytes per second
+    int binsInBand = 0;
+};
+World g;
+
+// Parallel streaming read (the same OpenMP threads the frame uses), best of
+// a few passes over a buffer of `bytes`.
+double streamBandwidth(size_t bytes)
+{
+    const size_t n = bytes / sizeof(uint64_t);
+    std::vector<uint64_t> buf(n);
+#pragma omp parallel for schedule(static)
+    for (long i = 0; i < static_cast<long>(n); ++i)
+        buf[i] = static_cast<uint64_t>(i) * 2654435761u;
+    double best = 0;
+    for (int pass = 0; pass < 5; ++pass) {
+        uint64_t sum = 0;
+        const auto t0 = Clock::now();
+#pragma omp parallel for schedule(static) reduction(+ : sum)
+        for (long i = 0; i < static_cast<long>(n); ++i)
+            sum += buf[i];
+        const double s = seconds(t0, Clock::now());
+        benchmark::DoNotOptimize(sum);
+        best = std::max(best, static_cast<double>(bytes) / s);
+    }
+    return best;
+}
+
+void runFrames(benchmark::State& state, AKUDoaDot8Path path)
+{
+    g.engine->privateData()->dot8 = path;
+    for (auto _ : state) {
+        g.engine->executeDOA(g.frame, g.bands, g.heat);
+        benchmark::ClobberMemory();
+    }
+    const double floorSeconds = g.steerBytes / g.bandwidth;
+    state.counters["steer_MB"] = g.steerBytes / 1e6;
+    state.counters["stream_GBps"] = g.bandwidth / 1e9;
+    // elapsed / (iterations * floor): frame time over the memory floor.
+    state.counters["ratio"] = benchmark::Counter(floorSeconds, benchmark::Counter::kIsIterationInvariantRate |
+                                                                   benchmark::Counter::kInvert);
+    state.SetLabel(path.name);
+}
+
+void BM_ExecuteDOA_Vector(benchmark::State& state)
+{
+    runFrames(state, akudoa_dot8_select());
+}
+
+void BM_ExecuteDOA_Scalar(benchmark::State& state)
+{
+    runFrames(state, AKUDoaDot8Path{"ref", akudoa_dot8_ref});
+}
+
+void BM_ExecuteFFT(benchmark::State& state)
+{
+    for (auto _ : state) {
+        g.engine->executeFFT(g.frame);
+        benchmark::ClobberMemory();
+    }
+}
+
+// One table row resident in L2 (786 KB at the defaults), one thread: the
+// compute throughput of each beam-sum path, to compare with the stream
+// bandwidth above.
+void BM_Dot8RowInCache(benchmark::State& state)
+{
+    const std::vector<AKUDoaDot8Path> paths = akudoa_dot8_paths();
+    const AKUDoaDot8Path path = paths[static_cast<size_t>(state.range(0)) % paths.size()];
+    AKUDoaQuantizeV3Private* d = g.engine->privateData();
+    const int b = 300;
+    const int P = kRows * kCols;
+    std::vector<float> out(2 * static_cast<size_t>(P));
+    for (auto _ : state) {
+        path.fn(reinterpret_cast<const int8_t*>(d->fftQuant->data[b]), reinterpret_cast<const int8_t*>(d->steerQuant->data[b]),
+                2 * kMics, P, 1.0f, out.data(), out.data() + P);
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 2 * kMics * P);
+    state.SetLabel(path.name);
+}
+
+BENCHMARK(BM_Dot8RowInCache)->DenseRange(0, 3)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ExecuteDOA_Vector)->UseRealTime()->Unit(benchmark::kMillisecond)->Repetitions(7)->ReportAggregatesOnly(true);
+BENCHMARK(BM_ExecuteDOA_Scalar)->UseRealTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(BM_ExecuteFFT)->UseRealTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    std::string dir;
+    const char* env = std::getenv("AKUDOA_CACHE_DIR");
+    if (env && *env) {
+        dir = env;
+    } else {
+        dir = "/tmp/akudoa-bench-cache-" + std::to_string(getpid()) + "/";
+        setenv("AKUDOA_CACHE_DIR", dir.c_str(), 1);
+    }
+    std::filesystem::create_directories(dir);
+    defaultConfig(g.cfg);
+
+    // Build with an empty cache: what a first start costs.
+    {
+        const std::string table = dir + "/QuantizeParam_v3_64_48_128_43_1.3_513.data";
+        const std::string scale = dir + "/QuantizeScaleParam_v3_64_48_128_43_1.3_513.data";
+        std::remove(table.c_str());
+        std::remove(scale.c_str());
+    }
+    const long rssBefore = peakRssKB();
+    auto t0 = Clock::now();
+    g.engine = new AKUDoaQuantizeV3;
+    g.engine->doaInit(&g.cfg);
+    const double initBuild = seconds(t0, Clock::now());
+    const long rssInit = peakRssKB();
+    t0 = Clock::now();
+    const bool saved = g.engine->saveQuantizeParam();
+    const double saveTime = seconds(t0, Clock::now());
+    const double tableBytes = double(g.engine->privateData()->binNum) * 2.0 * kMics * kRows * kCols;
+
+    // A second engine loads the pair (page cache warm: just written).
+    t0 = Clock::now();
+    {
+        AKUDoaQuantizeV3 loaded;
+        loaded.doaInit(&g.cfg);
+    }
+    const double initLoad = seconds(t0, Clock::now());
+    t0 = Clock::now();
+    const bool reloaded = g.engine->loadQuantizeParam();
+    const double loadOnly = seconds(t0, Clock::now());
+
+    std::vector<float> window(kN, 1.0f);
+    for (int i = 0; i < kN; ++i)
+        window[i] = static_cast<float>(0.5 - 0.5 * std::cos(2 * kPi * i / (kN - 1)));
+    g.engine->updateFFTWin(window.data(), kN);
+    g.bands.updateBands({{20000, 40000, 1}});
+    g.binsInBand = static_cast<int>(g.bands.data().size());
+    g.steerBytes = double(g.binsInBand) * 2.0 * kMics * kRows * kCols;
+    g.frame = create_mat2d_fp32(kMics, kN);
+    g.heat = create_mat2d_fp32(kRows, kCols);
+    std::mt19937 rng(1);
+    std::uniform_real_distribution<float> u(-1.f, 1.f);
+    for (int m = 0; m < kMics; ++m)
+        for (int i = 0; i < kN; ++i)
+            g.frame->data[m][i] = u(rng);
+
+    long llc = sysconf(_SC_LEVEL3_CACHE_SIZE);
+    if (llc <= 0)
+        llc = 32L << 20;
+    const size_t streamBytes = std::max<size_t>(size_t(1) << 30, size_t(llc) * 4);
+    g.bandwidth = streamBandwidth(streamBytes);
+
+    std::printf("config: %d mics, %dx%d image, N=%d, %d Hz, band 20-40 kHz (%d bins), %d OpenMP threads, "
+                "beam-sum path %s\n",
+                kMics, kRows, kCols, kN, kRate, g.binsInBand, omp_get_max_threads(), akudoa_dot8_select().name);
+    std::printf("table: %.1f MB int8; doaInit with empty cache (build + save) %.2f s, of which save %.2f s "
+                "(saved=%d); peak RSS after doaInit %.1f MB (%.2f x table; before %.1f MB)\n",
+                tableBytes / 1e6, initBuild, saveTime, saved ? 1 : 0, rssInit / 1024.0,
+                rssInit * 1024.0 / tableBytes, rssBefore / 1024.0);
+    std::printf("cache: doaInit loading the pair %.3f s; loadQuantizeParam alone %.3f s (ok=%d, page cache warm)\n",
+                initLoad, loadOnly, reloaded ? 1 : 0);
+    std::printf("stream: %.2f GB/s over %.0f MB (LLC %ld KB); steering bytes per frame %.1f MB -> floor %.2f ms\n",
+                g.bandwidth / 1e9, streamBytes / 1e6, llc / 1024, g.steerBytes / 1e6,
+                1e3 * g.steerBytes / g.bandwidth);
+    std::fflush(stdout);
+
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    destroy_mat2d_fp32(g.frame);
+    destroy_mat2d_fp32(g.heat);
+    delete g.engine;
+    return 0;
+}

@@ -1,0 +1,128 @@
+// Writes the quantized steering tables of a few small planar-engine (V3)
+// configurations in the layout of the engine's cache files: per case a scale
+// file (B native floats) and a table file (B rows of 2*M*P signed bytes).
+// An x86_64 build and an AArch64 build must write byte-identical files;
+// scripts/test-arm.sh runs this program from both builds and compares them.
+//
+//   akudoa_steering_tables OUTDIR      (OUTDIR must not exist yet)
+//
+// The engine's own cache pairs land in OUTDIR/cache/ and are compared too.
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "AKUDoa/akudoacamcfg.h"
+#include "AKUDoa/akudoaquantizev3.h"
+#include "AKUDoa/akudoaquantizev3_p.h"
+#include "support/akudoasim.h"
+
+namespace {
+
+struct Case {
+    const char* name;
+    int mics;
+    int rows;
+    int cols;
+    int frameSize;
+    float focusDistance; // metres; 0 = far field
+    bool freqAverage;
+};
+
+// Small enough to build in seconds under emulation, yet covering both table
+// builders, frequency averaging, two ring layouts and non-square images.
+const Case kCases[] = {
+    {"far_m16_12x10_n256", 16, 12, 10, 256, 0.0f, false},
+    {"near1.5_m16_12x10_n256", 16, 12, 10, 256, 1.5f, false},
+    {"far_avg_m64_16x12_n512", 64, 16, 12, 512, 0.0f, true},
+    {"near0.7_avg_m64_8x8_n256", 64, 8, 8, 256, 0.7f, true},
+};
+
+bool writeFile(const std::string& path, const void* data, size_t bytes)
+{
+    FILE* f = std::fopen(path.c_str(), "wb");
+    if (!f)
+        return false;
+    const bool ok = std::fwrite(data, 1, bytes, f) == bytes;
+    return std::fclose(f) == 0 && ok;
+}
+
+// FNV-1a over the bytes written, printed so that logs of both builds can be
+// compared by eye.
+uint64_t fnv1a(const void* data, size_t bytes, uint64_t h = 1469598103934665603ull)
+{
+    const unsigned char* p = static_cast<const unsigned char*>(data);
+    for (size_t i = 0; i < bytes; ++i)
+        h = (h ^ p[i]) * 1099511628211ull;
+    return h;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: %s OUTDIR\n", argv[0]);
+        return 2;
+    }
+    const std::string out = argv[1];
+    const std::string cache = out + "/cache/";
+    // A fresh cache directory: with an old pair in it the engine would load
+    // the tables instead of building them.
+    if (mkdir(out.c_str(), 0755) != 0 || mkdir(cache.c_str(), 0755) != 0) {
+        std::fprintf(stderr, "%s: cannot create %s: %s\n", argv[0], out.c_str(), std::strerror(errno));
+        return 1;
+    }
+    setenv("AKUDOA_CACHE_DIR", cache.c_str(), 1);
+
+    for (const Case& k : kCases) {
+        StCamCfg cfg{};
+        cfg.doaVersionSelect = 3;
+        cfg.sampleFrequency = 96000;
+        cfg.imageResolutionRow = k.rows;
+        cfg.imageResolutionCol = k.cols;
+        cfg.frameSize = k.frameSize;
+        cfg.imageThetaXYFactor = 1.3f;
+        cfg.eangleDomain = 43;
+        cfg.micMaxRadius = 0.11f;
+        cfg.focusDistanceEn = k.focusDistance > 0.0f;
+        cfg.focusDistance = cfg.focusDistanceEn ? k.focusDistance : 1.0f;
+        cfg.freqAverage = k.freqAverage;
+        for (float& s : cfg.micSensitivity)
+            s = 1.0f;
+        if (!akusim_fill_layout(cfg, k.mics)) {
+            std::fprintf(stderr, "%s: no built-in layout for %d microphones\n", argv[0], k.mics);
+            return 1;
+        }
+
+        AKUDoaQuantizeV3 engine;
+        engine.doaInit(&cfg);
+        const AKUDoaQuantizeV3Private* d = engine.privateData();
+        const vec_fp32* scale = d->steerScale;
+        const mat2d_uint8* table = d->steerQuant;
+
+        const std::string base = out + "/" + k.name;
+        bool ok = writeFile(base + "_scale.data", scale->data, sizeof(float) * scale->n);
+        uint64_t h = fnv1a(scale->data, sizeof(float) * scale->n);
+        FILE* f = std::fopen((base + "_table.data").c_str(), "wb");
+        ok = ok && f;
+        for (int b = 0; ok && b < table->rows; ++b) {
+            ok = std::fwrite(table->data[b], 1, table->cols, f) == static_cast<size_t>(table->cols);
+            h = fnv1a(table->data[b], table->cols, h);
+        }
+        if (f)
+            ok = std::fclose(f) == 0 && ok;
+        if (!ok) {
+            std::fprintf(stderr, "%s: cannot write %s\n", argv[0], base.c_str());
+            return 1;
+        }
+        std::printf("%-26s B=%d row=%d bytes fnv1a=%016llx\n", k.name, table->rows, table->cols,
+                    static_cast<unsigned long long>(h));
+    }
+    return 0;
+}
