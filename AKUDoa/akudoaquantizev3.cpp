@@ -37,15 +37,17 @@ inline int firstFactor(int b, bool average)
 }
 
 // Fills one steering row (2MP floats): pixel p owns [p*2M, p*2M+2M): the M
-// cosines of psi_m = c * dist[p*M+m], then the M sines. With averaging the
-// row is the mean of the rows for the coefficients c1 and c2.
-void fillSteeringRow(const float* dist, int P, int M, float c1, float c2, bool average, float* row)
+// cosines of psi_m = c * dist[p*Mp+m], then the M sines. With averaging the
+// row is the mean of the rows for the coefficients c1 and c2. dist rows are
+// padded to Mp (a multiple of four) so the four-lane math never reads past
+// them; a count that is not a multiple of four only stores its real lanes.
+void fillSteeringRow(const float* dist, int P, int M, int Mp, float c1, float c2, bool average, float* row)
 {
     const float32x4_t vc1 = vdupq_n_f32(c1);
     const float32x4_t vc2 = vdupq_n_f32(c2);
     const float32x4_t half = vdupq_n_f32(0.5f);
     for (int p = 0; p < P; ++p) {
-        const float* dp = dist + static_cast<size_t>(p) * M;
+        const float* dp = dist + static_cast<size_t>(p) * Mp;
         float* out = row + static_cast<size_t>(p) * 2 * M;
         for (int m = 0; m < M; m += 4) {
             const float32x4_t dv = vld1q_f32(dp + m);
@@ -57,10 +59,25 @@ void fillSteeringRow(const float* dist, int P, int M, float c1, float c2, bool a
                 c1v = vmulq_f32(vaddq_f32(c1v, c2v), half);
                 s1 = vmulq_f32(vaddq_f32(s1, s2), half);
             }
-            vst1q_f32(out + m, c1v);
-            vst1q_f32(out + M + m, s1);
+            if (m + 4 <= M) {
+                vst1q_f32(out + m, c1v);
+                vst1q_f32(out + M + m, s1);
+            } else {
+                float cl[4], sl[4];
+                vst1q_f32(cl, c1v);
+                vst1q_f32(sl, s1);
+                for (int k = 0; m + k < M; ++k) {
+                    out[m + k] = cl[k];
+                    out[M + m + k] = sl[k];
+                }
+            }
         }
     }
+}
+
+inline int paddedMics(int M)
+{
+    return (M + 3) & ~3;
 }
 
 } // namespace
@@ -198,7 +215,7 @@ static void buildSteeringTable(AKUDoaQuantizeV3Private* d, const std::vector<flo
             const int f2 = f1 + 1;
             const float c1 = nearField ? static_cast<float>(f1) * k : static_cast<float>(f1);
             const float c2 = nearField ? static_cast<float>(f2) * k : static_cast<float>(f2);
-            fillSteeringRow(dist.data(), P, M, c1, c2, average, row.data());
+            fillSteeringRow(dist.data(), P, M, paddedMics(M), c1, c2, average, row.data());
             const float scale = akudoa_row_quant_scale(row.data(), cols);
             d->steerScale->data[b] = scale;
             akudoa_row_quantize(row.data(), cols, scale, reinterpret_cast<int8_t*>(d->steerQuant->data[b]));
@@ -223,13 +240,16 @@ bool AKUDoaQuantizeV3::createQuantizeParam()
     const float T = cfg->imageThetaXYFactor;
     const float D = angleDomainDistance(cfg);
 
-    std::vector<float> kr(static_cast<size_t>(M));
-    for (int m = 0; m < M; ++m)
+    const int Mp = paddedMics(M);
+    std::vector<float> kr(static_cast<size_t>(Mp), 0.0f), phim(static_cast<size_t>(Mp), 0.0f);
+    for (int m = 0; m < M; ++m) {
         kr[m] = cfg->micRadius[m] * k;
+        phim[m] = cfg->micPhi[m];
+    }
 
     // d[p][m] = kr[m] * cos(phi - phi_m) * sin(theta): the plane-wave path
     // term of microphone m for pixel p, in radians per unit phase factor.
-    std::vector<float> dist(static_cast<size_t>(P) * M);
+    std::vector<float> dist(static_cast<size_t>(P) * Mp);
 #pragma omp parallel for schedule(dynamic, 1)
     for (int i = 0; i < NR; ++i) {
         for (int j = 0; j < NC; ++j) {
@@ -239,11 +259,11 @@ bool AKUDoaQuantizeV3::createQuantizeParam()
             const float theta = std::atan2(rho, D);
             const float phi = std::atan2(v, u);
             const float s = std::sin(theta);
-            float* dp = dist.data() + static_cast<size_t>(i * NC + j) * M;
+            float* dp = dist.data() + static_cast<size_t>(i * NC + j) * Mp;
             const float32x4_t vphi = vdupq_n_f32(phi);
             const float32x4_t vs = vdupq_n_f32(s);
-            for (int m = 0; m < M; m += 4) {
-                const float32x4_t c = cos_ps(vsubq_f32(vphi, vld1q_f32(cfg->micPhi + m)));
+            for (int m = 0; m < Mp; m += 4) {
+                const float32x4_t c = cos_ps(vsubq_f32(vphi, vld1q_f32(phim.data() + m)));
                 vst1q_f32(dp + m, vmulq_f32(vmulq_f32(vld1q_f32(kr.data() + m), c), vs));
             }
         }
@@ -279,11 +299,12 @@ bool AKUDoaQuantizeV3::createQuantizeFocusDisParam()
         Y[j] = F * static_cast<float>(std::tan(-((j - NC / 2) + 0.5) * (2.0 / NR) * alpha)) / T;
 
     // Full path length from the focal point of each pixel to each microphone.
-    std::vector<float> dist(static_cast<size_t>(P) * M);
+    const int Mp = paddedMics(M);
+    std::vector<float> dist(static_cast<size_t>(P) * Mp, 0.0f);
 #pragma omp parallel for schedule(dynamic, 1)
     for (int i = 0; i < NR; ++i)
         for (int j = 0; j < NC; ++j) {
-            float* dp = dist.data() + static_cast<size_t>(i * NC + j) * M;
+            float* dp = dist.data() + static_cast<size_t>(i * NC + j) * Mp;
             for (int m = 0; m < M; ++m)
                 dp[m] = posDistance(mx[m], my[m], 0.0f, X[i], Y[j], F);
         }
