@@ -15,9 +15,11 @@
 #include <iniparser.h>
 
 #include "AKUDoa/akudoacordinate_p.h"
+#include "AKUDoa/akudoadistance.h"
 #include "AKUDoa/akudoakernel_p.h"
 #include "AKUDoa/akudoapickupv4.h"
 #include "AKUDoa/akudoapickupv4_p.h"
+#include "AKUDoa/iakudoaquantize.h"
 #include "AKUDoa/base/akufftwindow.h"
 #include "AKUDoa/base/akudoalogging.h"
 
@@ -220,6 +222,8 @@ void AKUDoaKernelPrivate::releaseObjects()
     // The planar engine, the distance measurer, the extended-view engine and
     // the two linear engines are released here, in that order, once their
     // classes exist; until then init never creates them.
+    delete distance;
+    distance = nullptr;
     delete freqBands;
     freqBands = nullptr;
     destroy_mat2d_fp32(doaFrame);
@@ -460,8 +464,10 @@ bool AKUDoaKernel::init(const char* path)
         d->pickup = new AKUDoaPickupV4();
         d->pickup->initPickup(&d->cfg);
 
-        // With distanceMeasureEn the distance measurer: created and
-        // initialised here once its class exists.
+        if (c.distanceMeasureEn) {
+            d->distance = new AKUDoaDistance();
+            d->distance->initDistance(&d->cfg);
+        }
 
         d->extraFrame = create_mat2d_fp32(d->channels, d->frameSize);
         d->doaFrame = create_mat2d_fp32(d->channels, d->frameSize);
@@ -530,9 +536,19 @@ bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, vec_fp32*
 bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, fpoint2d target, float& distance,
                                vec_fp32* spectrum, int channel)
 {
-    (void)target;
-    (void)distance;
-    return readHeatMap(frame, heatMap, spectrum, channel);
+    if (!readHeatMap(frame, heatMap, spectrum, channel))
+        return false;
+    if (!d->cfg.distanceMeasureEn || !d->distance)
+        return false; // the heat map is delivered all the same
+    std::lock_guard<std::mutex> lock(d->doaMutex);
+    mat2d_fp32* spectra = d->doaEngine->getFFTMean();
+    if (d->cfg.imageCorrectionFlag == 1) {
+        const StCamCfg& c = d->cfg;
+        const CordinateMat m{c.rx1, c.rx2, c.rx3, c.ry1, c.ry2, c.ry3};
+        target = akudoa_cordinate_point(m, static_cast<float>(c.sectionFactor), target);
+    }
+    d->distance->executeDoa(spectra, *d->freqBands, target, distance);
+    return true;
 }
 
 bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, fpoint2d target, int& lowBin, int& highBin,

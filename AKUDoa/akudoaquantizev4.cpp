@@ -403,10 +403,33 @@ void AKUDoaQuantizeV4::executeFFT(mat2d_fp32* frame)
     }
 }
 
+// Readout offsets of one image size, computed once per frame: grid column
+// p = (H + r) mod S of image row r - 1 (r = 1 .. NR), grid row
+// q = (H + o + 2 + c) mod S of image column c as an offset q * S, and the
+// deconvolution column o + 2 + c (read cyclically when the image is wider
+// than tall and the column would run past the row).
+struct ReadoutTables {
+    std::vector<int> gridCol;   // NR + 1 entries, index r
+    std::vector<int> gridRow;   // NC entries: q * S
+    std::vector<int> deconvCol; // NC entries
+
+    ReadoutTables(const AKUDoaV4Geometry& g, int NR, int NC)
+        : gridCol(static_cast<size_t>(NR) + 1), gridRow(static_cast<size_t>(NC)), deconvCol(static_cast<size_t>(NC))
+    {
+        for (int r = 0; r <= NR; ++r)
+            gridCol[r] = (g.H + r) % g.S;
+        for (int c = 0; c < NC; ++c) {
+            gridRow[c] = ((g.H + g.o + 2 + c) % g.S) * g.S;
+            deconvCol[c] = (g.o + 2 + c) % g.G;
+        }
+    }
+};
+
 // Image of bin b into binMaps[b]: gridding, 2-D FFT, deconvolution readout
 // and self-term removal. Touches only row b of the per-bin buffers, so bins
 // run concurrently.
-static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const AKUDoaV4Geometry& g, int b)
+static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const AKUDoaV4Geometry& g,
+                     const ReadoutTables& t, int b)
 {
     const int G = g.G;
     const int S = g.S;
@@ -439,14 +462,28 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
         const int i0 = idx[m];
         const int j0 = idx[M + m];
         const float a = amp[m];
-        for (int u = 0; u < kTaps; ++u) {
-            const float wy = a * ky[kTaps * m + u];
-            akudoa_fftwf_complex* line = grid + static_cast<size_t>(wrapNode(j0 + u, G)) * S;
-            for (int v = 0; v < kTaps; ++v) {
-                const float wt = wy * kx[kTaps * m + v];
-                akudoa_fftwf_complex& cell = line[wrapNode(i0 + v, G)];
-                cell[0] += re * wt;
-                cell[1] += im * wt;
+        const float* kxm = kx + kTaps * m;
+        const float* kym = ky + kTaps * m;
+        if (i0 >= 0 && j0 >= 0 && i0 + kTaps <= G && j0 + kTaps <= G) {
+            for (int u = 0; u < kTaps; ++u) {
+                const float wy = a * kym[u];
+                akudoa_fftwf_complex* line = grid + static_cast<size_t>(j0 + u) * S + i0;
+                for (int v = 0; v < kTaps; ++v) {
+                    const float wt = wy * kxm[v];
+                    line[v][0] += re * wt;
+                    line[v][1] += im * wt;
+                }
+            }
+        } else {
+            for (int u = 0; u < kTaps; ++u) {
+                const float wy = a * kym[u];
+                akudoa_fftwf_complex* line = grid + static_cast<size_t>(wrapNode(j0 + u, G)) * S;
+                for (int v = 0; v < kTaps; ++v) {
+                    const float wt = wy * kxm[v];
+                    akudoa_fftwf_complex& cell = line[wrapNode(i0 + v, G)];
+                    cell[0] += re * wt;
+                    cell[1] += im * wt;
+                }
             }
         }
     }
@@ -459,17 +496,16 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
         : engine->vec_power_fp32(reinterpret_cast<float*>(d->binSpectra->data[b]), 2u * static_cast<unsigned>(M));
     const akudoa_fftwf_complex* out = d->gridOut->data[b];
     float* map = d->binMaps->data[b];
+    const int* qOff = t.gridRow.data();
+    const int* dCol = t.deconvCol.data();
     for (int r = 1; r <= NR; ++r) {
-        const int p = (g.H + r) % S;
+        const akudoa_fftwf_complex* col = out + t.gridCol[static_cast<size_t>(r)];
         const float* dec = d->deconv->data[r];
         float* dst = map + static_cast<size_t>(r - 1) * NC;
         for (int c = 0; c < NC; ++c) {
-            const int q = (g.H + g.o + 2 + c) % S;
-            // Images wider than tall would run past the row: read it cyclically.
-            const int dc = (g.o + 2 + c) % G;
-            const akudoa_fftwf_complex& z = out[p + static_cast<size_t>(q) * S];
+            const akudoa_fftwf_complex& z = col[qOff[c]];
             const float pw = z[0] * z[0] + z[1] * z[1];
-            dst[c] = std::fmaf(dec[dc], pw, -self);
+            dst[c] = std::fmaf(dec[dCol[c]], pw, -self);
         }
     }
 }
@@ -485,6 +521,7 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
     const int B = d->binNum;
     std::fill(d->heatAcc->data, d->heatAcc->data + P, 0.0f);
     const AKUDoaV4Geometry g = akudoa_v4_geometry(NR, NC);
+    const ReadoutTables tables(g, NR, NC);
 
     const bool average = d->cfg->freqAverage;
     const int stride = average ? 2 : 1;
@@ -496,7 +533,7 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
         const int b = entryRow(L, e * stride, average);
         if (b < 0 || b >= B)
             continue; // a band edge past the last table row has no bin
-        imageBin(this, d, g, b);
+        imageBin(this, d, g, tables, b);
     }
 
     // Sum in band order: the image does not depend on which worker finished
