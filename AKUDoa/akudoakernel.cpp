@@ -19,6 +19,7 @@
 #include "AKUDoa/akudoakernel_p.h"
 #include "AKUDoa/akudoapickupv4.h"
 #include "AKUDoa/akudoapickupv4_p.h"
+#include "AKUDoa/akudoaquantizeline.h"
 #include "AKUDoa/iakudoaquantize.h"
 #include "AKUDoa/base/akufftwindow.h"
 #include "AKUDoa/base/akudoalogging.h"
@@ -224,6 +225,10 @@ void AKUDoaKernelPrivate::releaseObjects()
     // classes exist; until then init never creates them.
     delete distance;
     distance = nullptr;
+    for (AKUDoaQuantizeLine*& line : lineEngine) {
+        delete line;
+        line = nullptr;
+    }
     delete freqBands;
     freqBands = nullptr;
     destroy_mat2d_fp32(doaFrame);
@@ -442,8 +447,20 @@ bool AKUDoaKernel::init(const char* path)
 
     if (c.imageResolutionRow == 1) {
         AKUDOA_LOG() << "doakernel init: init doa line mode";
-        // The two linear engines (groups 0 and 1) are created and
-        // initialised here once AKUDoaQuantizeLine exists.
+        // Two linear engines over the one array-ordered frame: group 0 images
+        // positions 0 .. channels/2-1 (frame rows of the same numbers), group 1
+        // the rest. They get the planar path's default Tukey(0.2) window here:
+        // nothing else sets one in this mode, and an all-zero window would
+        // give all-zero line maps.
+        AKUFFTWindow window(d->frameSize, FFT_WINDOW_TUKEY, 0, 0, 0.2f);
+        for (int g = 0; g < 2; ++g) {
+            d->lineEngine[g] = new AKUDoaQuantizeLine;
+            d->lineEngine[g]->doaInit(&c);
+        }
+        for (int g = 0; g < 2; ++g) {
+            d->lineEngine[g]->setGroupId(g);
+            d->lineEngine[g]->updateFFTWin(window.data()->data, window.winLength());
+        }
         //
         // The line readout hands both engines the array-ordered frame and
         // the band manager, so linear mode gets those two (and nothing else
@@ -571,11 +588,13 @@ bool AKUDoaKernel::readHeatMapExtra(mat2d_fp32* frame, mat2d_fp32* heatMap)
 
 bool AKUDoaKernel::readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2d_fp32* heatMap1)
 {
-    (void)heatMap0;
-    (void)heatMap1;
     if (!frame || d->cfg.initFlag != 1 || !d->lineEngine[0] || !d->lineEngine[1])
         return false;
-    return false; // engine path: frame copy, executeDOA on both line engines
+    d->pushDoaAudioFrame(frame);
+    std::lock_guard<std::mutex> lock(d->doaMutex);
+    d->lineEngine[0]->executeDOA(d->doaFrame, *d->freqBands, heatMap0);
+    d->lineEngine[1]->executeDOA(d->doaFrame, *d->freqBands, heatMap1);
+    return true;
 }
 
 bool AKUDoaKernel::readPickedUpAudio(mat2d_fp32* frame, vec_fp32* audio, fpoint2d target)
