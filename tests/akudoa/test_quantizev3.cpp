@@ -176,7 +176,11 @@ protected:
         if (base_.back() != '/')
             base_ += '/';
         const ::testing::TestInfo* ti = ::testing::UnitTest::GetInstance()->current_test_info();
-        dir_ = base_ + ti->test_suite_name() + "." + ti->name() + "." + std::to_string(::getpid()) + "/";
+        std::string leaf = std::string(ti->test_suite_name()) + "." + ti->name() + "." + std::to_string(::getpid());
+        for (char& ch : leaf)
+            if (ch == '/')
+                ch = '_'; // parameterised names hold slashes: keep one directory level
+        dir_ = base_ + leaf + "/";
         std::filesystem::create_directories(dir_);
         ::setenv("AKUDOA_CACHE_DIR", dir_.c_str(), 1);
     }
