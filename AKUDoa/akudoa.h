@@ -20,6 +20,8 @@
 #include "AKUDoa/akugaussianprocessregression.h"
 #include "AKUDoa/akudoabalancebk.h"
 #include "AKUDoa/akudoadistance.h"
+#include "AKUDoa/akudoaquantizeline.h"
+#include "AKUDoa/akudoaquantizev4.h"
 #include "AKUDoa/iakudoaquantize.h"
 #include "AKUDoa/akudoaquantizev3.h"
 #include "AKUDoa/akudoaquantizeparam.h"

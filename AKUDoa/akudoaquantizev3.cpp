@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "AKUDoa/akudoaquantizev3_p.h"
+#include "AKUDoa/akudoatargetrange_p.h"
 #include "AKUDoa/akucluster.h"
 #include "AKUDoa/base/akudoaarray.h"
 #include "AKUDoa/akugaussianprocessregression.h"
@@ -36,15 +37,17 @@ inline int firstFactor(int b, bool average)
 }
 
 // Fills one steering row (2MP floats): pixel p owns [p*2M, p*2M+2M): the M
-// cosines of psi_m = c * dist[p*M+m], then the M sines. With averaging the
-// row is the mean of the rows for the coefficients c1 and c2.
-void fillSteeringRow(const float* dist, int P, int M, float c1, float c2, bool average, float* row)
+// cosines of psi_m = c * dist[p*Mp+m], then the M sines. With averaging the
+// row is the mean of the rows for the coefficients c1 and c2. dist rows are
+// padded to Mp (a multiple of four) so the four-lane math never reads past
+// them; a count that is not a multiple of four only stores its real lanes.
+void fillSteeringRow(const float* dist, int P, int M, int Mp, float c1, float c2, bool average, float* row)
 {
     const float32x4_t vc1 = vdupq_n_f32(c1);
     const float32x4_t vc2 = vdupq_n_f32(c2);
     const float32x4_t half = vdupq_n_f32(0.5f);
     for (int p = 0; p < P; ++p) {
-        const float* dp = dist + static_cast<size_t>(p) * M;
+        const float* dp = dist + static_cast<size_t>(p) * Mp;
         float* out = row + static_cast<size_t>(p) * 2 * M;
         for (int m = 0; m < M; m += 4) {
             const float32x4_t dv = vld1q_f32(dp + m);
@@ -56,10 +59,25 @@ void fillSteeringRow(const float* dist, int P, int M, float c1, float c2, bool a
                 c1v = vmulq_f32(vaddq_f32(c1v, c2v), half);
                 s1 = vmulq_f32(vaddq_f32(s1, s2), half);
             }
-            vst1q_f32(out + m, c1v);
-            vst1q_f32(out + M + m, s1);
+            if (m + 4 <= M) {
+                vst1q_f32(out + m, c1v);
+                vst1q_f32(out + M + m, s1);
+            } else {
+                float cl[4], sl[4];
+                vst1q_f32(cl, c1v);
+                vst1q_f32(sl, s1);
+                for (int k = 0; m + k < M; ++k) {
+                    out[m + k] = cl[k];
+                    out[M + m + k] = sl[k];
+                }
+            }
         }
     }
+}
+
+inline int paddedMics(int M)
+{
+    return (M + 3) & ~3;
 }
 
 } // namespace
@@ -197,7 +215,7 @@ static void buildSteeringTable(AKUDoaQuantizeV3Private* d, const std::vector<flo
             const int f2 = f1 + 1;
             const float c1 = nearField ? static_cast<float>(f1) * k : static_cast<float>(f1);
             const float c2 = nearField ? static_cast<float>(f2) * k : static_cast<float>(f2);
-            fillSteeringRow(dist.data(), P, M, c1, c2, average, row.data());
+            fillSteeringRow(dist.data(), P, M, paddedMics(M), c1, c2, average, row.data());
             const float scale = akudoa_row_quant_scale(row.data(), cols);
             d->steerScale->data[b] = scale;
             akudoa_row_quantize(row.data(), cols, scale, reinterpret_cast<int8_t*>(d->steerQuant->data[b]));
@@ -222,13 +240,16 @@ bool AKUDoaQuantizeV3::createQuantizeParam()
     const float T = cfg->imageThetaXYFactor;
     const float D = angleDomainDistance(cfg);
 
-    std::vector<float> kr(static_cast<size_t>(M));
-    for (int m = 0; m < M; ++m)
+    const int Mp = paddedMics(M);
+    std::vector<float> kr(static_cast<size_t>(Mp), 0.0f), phim(static_cast<size_t>(Mp), 0.0f);
+    for (int m = 0; m < M; ++m) {
         kr[m] = cfg->micRadius[m] * k;
+        phim[m] = cfg->micPhi[m];
+    }
 
     // d[p][m] = kr[m] * cos(phi - phi_m) * sin(theta): the plane-wave path
     // term of microphone m for pixel p, in radians per unit phase factor.
-    std::vector<float> dist(static_cast<size_t>(P) * M);
+    std::vector<float> dist(static_cast<size_t>(P) * Mp);
 #pragma omp parallel for schedule(dynamic, 1)
     for (int i = 0; i < NR; ++i) {
         for (int j = 0; j < NC; ++j) {
@@ -238,11 +259,11 @@ bool AKUDoaQuantizeV3::createQuantizeParam()
             const float theta = std::atan2(rho, D);
             const float phi = std::atan2(v, u);
             const float s = std::sin(theta);
-            float* dp = dist.data() + static_cast<size_t>(i * NC + j) * M;
+            float* dp = dist.data() + static_cast<size_t>(i * NC + j) * Mp;
             const float32x4_t vphi = vdupq_n_f32(phi);
             const float32x4_t vs = vdupq_n_f32(s);
-            for (int m = 0; m < M; m += 4) {
-                const float32x4_t c = cos_ps(vsubq_f32(vphi, vld1q_f32(cfg->micPhi + m)));
+            for (int m = 0; m < Mp; m += 4) {
+                const float32x4_t c = cos_ps(vsubq_f32(vphi, vld1q_f32(phim.data() + m)));
                 vst1q_f32(dp + m, vmulq_f32(vmulq_f32(vld1q_f32(kr.data() + m), c), vs));
             }
         }
@@ -278,11 +299,12 @@ bool AKUDoaQuantizeV3::createQuantizeFocusDisParam()
         Y[j] = F * static_cast<float>(std::tan(-((j - NC / 2) + 0.5) * (2.0 / NR) * alpha)) / T;
 
     // Full path length from the focal point of each pixel to each microphone.
-    std::vector<float> dist(static_cast<size_t>(P) * M);
+    const int Mp = paddedMics(M);
+    std::vector<float> dist(static_cast<size_t>(P) * Mp, 0.0f);
 #pragma omp parallel for schedule(dynamic, 1)
     for (int i = 0; i < NR; ++i)
         for (int j = 0; j < NC; ++j) {
-            float* dp = dist.data() + static_cast<size_t>(i * NC + j) * M;
+            float* dp = dist.data() + static_cast<size_t>(i * NC + j) * Mp;
             for (int m = 0; m < M; ++m)
                 dp[m] = posDistance(mx[m], my[m], 0.0f, X[i], Y[j], F);
         }
@@ -440,6 +462,8 @@ void AKUDoaQuantizeV3::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
         h[p] = std::sqrt(x) * invN;
     }
 
+    if (!heatMap)
+        return; // the per-bin powers stay available to the target analysis
     switch (d->cfg->rotateMode) {
     case 0:
         for (int r = 0; r < NR; ++r)
@@ -527,109 +551,7 @@ float AKUDoaQuantizeV3::getPaWithTarget(fpoint2d target, AKUDoaFreqBands& bands)
 void AKUDoaQuantizeV3::findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& bands, int& lowFreq, int& highFreq,
                                            float& power)
 {
-    lowFreq = -1;
-    highFreq = -1;
-    const std::vector<doaFreqInfo> L = bands.data();
-    if (L.empty() || !d->beamPower)
-        return;
-    const int R = d->imageRows;
-    const int C = d->imageCols;
-    const int M = d->micNum;
-    const int N = d->frameSize;
-    const bool average = d->cfg->freqAverage;
-    const int stride = average ? 2 : 1;
-
-    // Accepted peaks: the band entry's bin (full FFT resolution, also with
-    // averaging, so that the range converts with the FFT bin width) and the
-    // peak's power.
-    struct IdxType {
-        int bin;
-        float value;
-    };
-    std::vector<IdxType> F;
-    // The search window may extend past the image; only the image is scanned.
-    const int r0 = std::max(target.x - 8, 0), r1 = std::min(target.x + 8, R);
-    const int c0 = std::max(target.y - 8, 0), c1 = std::min(target.y + 8, C);
-    std::vector<fpoint2d> peaks;
-    for (size_t k = 0; k < L.size(); k += static_cast<size_t>(stride)) {
-        const int b = average ? (L[k].bin >> 1) : L[k].bin;
-        if (b < 0 || b >= d->binNum)
-            continue;
-        peaks.clear();
-        if (r0 < r1 && c0 < c1)
-            array_findpeak2d(d->beamPower->data[b], R, C, 0.0f, peaks, r0, r1, c0, c1);
-        std::sort(peaks.begin(), peaks.end(), [](const fpoint2d& a, const fpoint2d& q) { return a.val > q.val; });
-        for (const fpoint2d& pk : peaks) {
-            if (pk.val < 0.01f)
-                break;
-            if (point_quad(pk, target) <= 9.0f) { // within three pixels
-                F.push_back({L[k].bin, pk.val});
-                break;
-            }
-        }
-    }
-
-    std::vector<int> bins;
-    bins.reserve(F.size());
-    for (const IdxType& e : F)
-        bins.push_back(e.bin);
-    const std::vector<std::vector<int>> K = d->cluster->doKCluster(bins, 3);
-    // An empty cluster has no first or last bin: treated like a failed split.
-    if (K.size() != 3 || K[0].empty() || K[1].empty() || K[2].empty())
-        return;
-    const size_t size0 = K[0].size(), size1 = K[1].size(), size2 = K[2].size();
-    float s0 = 0.0f, s1 = 0.0f, s2 = 0.0f;
-    size_t i = 0;
-    for (size_t n = 0; n < size0 && i < F.size(); ++n)
-        s0 += F[i++].value;
-    for (size_t n = 0; n < size1 && i < F.size(); ++n)
-        s1 += F[i++].value;
-    for (size_t n = 0; n < size2 && i < F.size(); ++n)
-        s2 += F[i++].value;
-    const float total = s0 + s1 + s2;
-    const int gap01 = K[1].front() - K[0].back();
-    const int gap12 = K[2].front() - K[1].back();
-    int lo = K[0].front();
-    int hi = K[2].back();
-    // Rules 1 to 3 cannot fire with positive powers; they are kept so the
-    // decision table stays complete.
-    if (0.05 * s0 > total) {
-        hi = K[0].back();
-        if (gap01 < 21) {
-            hi = K[2].back();
-            if (gap12 > 20)
-                hi = K[1].back();
-        }
-    } else if (total < 0.05 * s1) {
-        if (gap01 > 20)
-            lo = K[1].front();
-        if (gap12 > 20)
-            hi = K[1].back();
-    } else if (total < 0.05 * s2) {
-        lo = K[2].front();
-        if (gap12 < 21) {
-            lo = K[0].front();
-            if (gap01 > 20)
-                lo = K[1].front();
-        }
-    } else if (size1 >= size0 && size1 >= size2) {
-        if (gap01 > 20)
-            lo = K[1].front();
-        if (gap12 > 20)
-            hi = K[1].back();
-    } else if (size0 > size1 && size0 >= size2) {
-        hi = K[0].back();
-        if (gap01 < 21)
-            hi = K[1].back();
-    } else {
-        lo = K[2].front();
-        if (gap12 < 21)
-            lo = K[1].front();
-    }
-    for (const IdxType& e : F)
-        if (e.bin >= lo && e.bin <= hi)
-            power += e.value;
-    power = std::sqrt(power / static_cast<float>((M - 1) * M)) / static_cast<float>(N);
-    lowFreq = (lo * d->sampleRate) / N;
-    highFreq = (hi * d->sampleRate) / N;
+    const AKUDoaTargetRangeSource src{d->beamPower, d->imageRows, d->imageCols, d->micNum,
+                                      d->frameSize, d->sampleRate, d->cfg && d->cfg->freqAverage};
+    akudoa_find_target_freq_range(src, d->cluster, target, bands.data(), lowFreq, highFreq, power);
 }

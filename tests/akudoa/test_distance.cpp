@@ -18,6 +18,7 @@
 #include "AKUDoa/akudoadistance_p.h"
 #include "AKUDoa/akudoafreqbands.h"
 #include "AKUDoa/base/akudoamatrix.h"
+#include "kernel_fixture.h"
 
 class AKUDoaDistanceInspector {
 public:
@@ -606,6 +607,56 @@ TEST(DistancePhysics, DISABLED_PointSourceWithinFiveCentimetres)
                 EXPECT_NEAR(got, d, 0.05) << pc.name << " average " << average;
             }
         }
+    }
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Through the kernel.
+
+namespace {
+
+constexpr int kKRows = 16; // small image: 64 mics x 192 pixels x 513 bins of steering table
+constexpr int kKCols = 12;
+
+class DistanceKernel : public kerneltest::KernelTest {
+protected:
+    std::string config(bool average, bool measure, int correction = 0, float rx1 = 0.0f)
+    {
+        const std::string text = std::string("[AudioRecordingParam]\nchannel_num = 64\nframe_size = 1024\n"
+                                             "sample_frequency = 96000\n"
+                                             "[AcousticCameraParam]\nimage_resolution_row = 16\n"
+                                             "image_resolution_col = 12\nrotate_mode = 1\n"
+                                             "section_factor = 10\neangle_domain = 43\n"
+                                             "image_thetaXY_factor = 1.3\ndistance_measure_row = 11\n"
+                                             "distance_measure_col = 11\nfocus_distance_en = false\n")
+                               + "freq_average = " + (average ? "true" : "false") + "\n"
+                               + "distanceMeasure_en = " + (measure ? "true" : "false") + "\n"
+                               + "image_correction_flag = " + std::to_string(correction) + "\n"
+                               + "rx1 = " + std::to_string(rx1) + "\nrx2 = 0\nrx3 = 1\nry1 = 0\nry2 = 1\nry3 = 0\n"
+                               + "[QuantizeiParam]\nreadFromFile = false\nautoSave = false\n"
+                               + "[DOA]\nDOAVersionSelect = 3\nextra_en = false\n";
+        return ini(text);
+    }
+};
+
+// init creates and initialises the measurer only when it is configured.
+TEST_F(DistanceKernel, CreatedWhenConfigured)
+{
+    for (bool measure : {false, true}) {
+        AKUDoaKernel k;
+        ASSERT_TRUE(k.init(config(true, measure).c_str()));
+        AKUDoaDistance* dist = priv(k)->distance;
+        ASSERT_EQ(dist != nullptr, measure);
+        if (!measure)
+            continue;
+        const AKUDoaDistancePrivate* p = Insp::priv(*dist);
+        EXPECT_EQ(p->initialised, 1);
+        EXPECT_EQ(p->measureRows, 11);
+        EXPECT_EQ(p->binNum, 257); // frequency averaging on
+        EXPECT_EQ(p->delayTable->rows, 121);
+        EXPECT_EQ(p->delayTable->cols, 256 * 64);
     }
 }
 

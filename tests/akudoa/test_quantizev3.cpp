@@ -340,6 +340,32 @@ TEST_F(V3Test, FocusUpdateWithACachedPairWritesNothing)
     EXPECT_EQ(entries, 2u) << "temporary files left behind";
 }
 
+TEST_F(V3Test, FocusChangeLoadsThePairOfTheNewDistance)
+{
+    StCamCfg cfg = makeCfg(16, 4, 4);
+    cfg.focusDistanceEn = true;
+    cfg.focusDistance = 1.5f;
+    std::vector<uint8_t> at15;
+    {
+        Imager a(cfg);
+        at15 = a.tableBytes();
+    }
+    cfg.focusDistance = 1.0f;
+    Imager b(cfg);
+    ASSERT_NE(at15, b.tableBytes());
+    const std::string table15 = dir_ + "QuantizeParam_v3_fodis_1.5_4_4_16_43_1.3_513.data";
+    const ino_t before = fileInode(table15);
+    b.cfg.focusDistance = 1.5f;
+    EXPECT_TRUE(b.engine.focusDisUpdate()); // loaded, not rebuilt
+    EXPECT_EQ(at15, b.tableBytes());
+    EXPECT_EQ(before, fileInode(table15));
+    // Focus off again: the far-field pair of the same grid.
+    b.cfg.focusDistanceEn = false;
+    b.engine.focusDisUpdate();
+    EXPECT_TRUE(fileExists(dir_ + "QuantizeParam_v3_4_4_16_43_1.3_513.data"));
+    EXPECT_NE(at15, b.tableBytes());
+}
+
 TEST_F(V3Test, TruncatedOrMissingCacheFilesAreRebuilt)
 {
     StCamCfg cfg = makeCfg(16, 4, 4);
@@ -444,9 +470,9 @@ TEST_F(V3Test, SingleMicrophoneHasNoCrossTermsWithoutSelfSpectrum)
     const std::vector<float> without = im.image(frame);
     for (size_t p = 0; p < with.size(); ++p) {
         EXPECT_GT(with[p], 0.0f);
-        // Only int8 rounding of |a_m|^2 can leave a residue.
-        EXPECT_LE(without[p], 0.15f * with[p]) << p;
-        EXPECT_GE(without[p], 0.0f);
+        // |a_m X_m|^2 - |X_m|^2 is only int8 rounding, and it comes out
+        // below zero here, so flooring leaves exactly 0.
+        EXPECT_EQ(without[p], 0.0f) << p;
     }
     destroy_mat2d_fp32(frame);
 }
@@ -718,7 +744,8 @@ TEST_P(V3FarField, PlaneWaveAppearsAtItsPixelInEveryOrientation)
 }
 
 INSTANTIATE_TEST_SUITE_P(Arrays, V3FarField,
-                         ::testing::Values(FarCase{16, false}, FarCase{16, true}, FarCase{64, false},
+                         ::testing::Values(FarCase{8, false}, FarCase{16, false}, FarCase{16, true}, FarCase{36, false},
+                                           FarCase{48, false}, FarCase{64, false},
                                            FarCase{64, true}, FarCase{128, false}),
                          [](const ::testing::TestParamInfo<FarCase>& info) {
                              return std::to_string(info.param.mics) + (info.param.average ? "Averaged" : "");

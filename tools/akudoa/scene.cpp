@@ -260,7 +260,25 @@ std::vector<std::vector<float>> simulateScene(const Scene& scene, const std::vec
     std::unique_ptr<fftw_plan_s, void (*)(fftw_plan)> fwdGuard(fwd, fftw_destroy_plan);
     std::unique_ptr<fftw_plan_s, void (*)(fftw_plan)> invGuard(inv, fftw_destroy_plan);
 
-    std::vector<std::vector<double>> acc(mics, std::vector<double>(static_cast<size_t>(len), 0.0));
+    // Each microphone's signal goes straight into the plane of its capture
+    // channel (float, as written to the file).
+    const double bytes = 4.0 * array.captureChannels * static_cast<double>(len);
+    if (bytes > 8e9)
+        throw ToolError("the recording would take " + std::to_string(static_cast<long>(bytes / 1e9)) +
+                        " GB; shorten the duration");
+    std::vector<std::vector<float>> planes(static_cast<size_t>(array.captureChannels),
+                                           std::vector<float>(static_cast<size_t>(len), 0.0f));
+    std::vector<int> owner(static_cast<size_t>(array.captureChannels), -1);
+    for (int m = 0; m < mics; ++m) {
+        int ch = array.channel[m];
+        if (ch < 0 || ch >= array.captureChannels)
+            throw ToolError("microphone " + std::to_string(m) + " is wired to channel " + std::to_string(ch) +
+                            ", outside the recording");
+        if (owner[ch] >= 0)
+            throw ToolError("microphones " + std::to_string(owner[ch]) + " and " + std::to_string(m) +
+                            " share capture channel " + std::to_string(ch));
+        owner[ch] = m;
+    }
     for (size_t s = 0; s < sources.size(); ++s) {
         const SourceSpec& sp = sources[s].spec;
         Gauss rng(scene.seed, s + 1);
@@ -273,9 +291,12 @@ std::vector<std::vector<float>> simulateScene(const Scene& scene, const std::vec
             const double amp = std::sqrt(2.0) * std::pow(10.0, sp.levelDb / 20.0);
             const double phase0 = 2.0 * M_PI * rng.uniform();
             const double w = 2.0 * M_PI * sp.frequency;
-            for (int m = 0; m < mics; ++m)
+            for (int m = 0; m < mics; ++m) {
+                float* out = planes[static_cast<size_t>(array.channel[m])].data();
                 for (long n = 0; n < len; ++n)
-                    acc[m][n] += amp * gain[s][m] * std::sin(w * (static_cast<double>(n) / fs - tau[s][m]) + phase0);
+                    out[n] += static_cast<float>(amp * gain[s][m] *
+                                                 std::sin(w * (static_cast<double>(n) / fs - tau[s][m]) + phase0));
+            }
             continue;
         }
         double* x = time.get();
@@ -327,26 +348,12 @@ std::vector<std::vector<float>> simulateScene(const Scene& scene, const std::vec
                 Y[k][1] = v.imag();
             }
             fftw_execute(inv);
+            float* out = planes[static_cast<size_t>(array.channel[m])].data();
             for (long n = 0; n < len; ++n)
-                acc[m][n] += x[pad + n];
+                out[n] += static_cast<float>(x[pad + n]);
         }
     }
 
-    std::vector<std::vector<float>> planes(static_cast<size_t>(array.captureChannels),
-                                           std::vector<float>(static_cast<size_t>(len), 0.0f));
-    std::vector<int> owner(static_cast<size_t>(array.captureChannels), -1);
-    for (int m = 0; m < mics; ++m) {
-        int ch = array.channel[m];
-        if (ch < 0 || ch >= array.captureChannels)
-            throw ToolError("microphone " + std::to_string(m) + " is wired to channel " + std::to_string(ch) +
-                            ", outside the recording");
-        if (owner[ch] >= 0)
-            throw ToolError("microphones " + std::to_string(owner[ch]) + " and " + std::to_string(m) +
-                            " share capture channel " + std::to_string(ch));
-        owner[ch] = m;
-        for (long n = 0; n < len; ++n)
-            planes[ch][n] = static_cast<float>(acc[m][n]);
-    }
     if (scene.micNoise) {
         const double sigma = std::pow(10.0, scene.micNoiseDb / 20.0);
         for (int ch = 0; ch < array.captureChannels; ++ch) {

@@ -84,6 +84,9 @@ int runSimulate(const std::vector<std::string>& argv)
     std::printf("wrote %s: %zu channels, %d Hz, %.3f s\n", outPath.c_str(), planes.size(), rate,
                 static_cast<double>(planes[0].size()) / rate);
     std::printf("array: %s\n", cam.describe().c_str());
+    if (rate != cam.kernel().samlpeRate())
+        std::printf("note: %s expects %d Hz; `akudoa image` will refuse this recording with it\n",
+                    configPath.c_str(), cam.kernel().samlpeRate());
     for (const ResolvedSource& s : sources) {
         int row = -1, col = -1;
         bool known = nearestPixel(image, s.v, row, col);

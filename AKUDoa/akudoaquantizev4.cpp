@@ -1,0 +1,677 @@
+#include "AKUDoa/akudoaquantizev4.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "AKUDoa/akudoaquantizev4_p.h"
+#include "AKUDoa/akudoatargetrange_p.h"
+#include "AKUDoa/akugaussianprocessregression.h"
+#include "AKUDoa/base/akudoaarray.h"
+#include "AKUDoa/base/akudoalogging.h"
+#include "AKUDoa/base/akudoamath.h"
+#include "AKUDoa/base/akudoaneon.h"
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr float kSoundSpeed = 340.0f; // m/s
+constexpr int kTaps = 9;              // kernel taps per axis, centred on the nearest node
+
+bool usesRegression(const StCamCfg* cfg)
+{
+    return cfg->doaVersionSelect == 53 || cfg->doaVersionSelect == 54;
+}
+
+// Table row of band entry k: with frequency averaging only even entries are
+// visited and a row stands for the pair of FFT bins (2b, 2b + 1).
+inline int entryRow(const std::vector<doaFreqInfo>& L, int k, bool average)
+{
+    return average ? (L.at(static_cast<size_t>(k)).bin >> 1) : L.at(static_cast<size_t>(k)).bin;
+}
+
+inline float sensitivity(const StCamCfg* cfg, int b)
+{
+    return b < AKUDOA_MAX_SENSITIVITY_BINS ? cfg->micSensitivity[b] : 1.0f;
+}
+
+// Grid coordinate of a kernel tap. Taps past the grid edge wrap around (the
+// transform is periodic); with the configured array sizes and sample rates
+// every kernel lies inside the grid and this is the identity.
+inline int wrapNode(int v, int G)
+{
+    v %= G;
+    return v < 0 ? v + G : v;
+}
+
+// Index of the axis node nearest x from below or at x (axis ascending).
+int axisPosition(const float* axis, int G, float x)
+{
+    return static_cast<int>(std::lower_bound(axis, axis + G, x) - axis);
+}
+
+} // namespace
+
+AKUDoaV4Geometry akudoa_v4_geometry(int rows, int cols)
+{
+    AKUDoaV4Geometry g;
+    g.G = (rows > cols ? rows : cols) + 2;
+    g.S = g.G & ~1;
+    g.H = g.G >> 1;
+    g.o = (((g.G & ~1) - std::min(rows, cols)) >> 1) - 2;
+    return g;
+}
+
+int akudoa_v4_nearest_node_ref(const float* ax, const float* ay, int G, float sx, float sy)
+{
+    float best = FLT_MAX;
+    int node = 0;
+    for (int n = 0; n < G * G; ++n) {
+        const int i = n / G;
+        const int j = n - i * G;
+        const float dx = sx - ax[i];
+        const float dy = sy - ay[j];
+        const float dist = std::fmaf(dx, dx, dy * dy);
+        if (dist <= best) {
+            best = dist;
+            node = n;
+        }
+    }
+    return node;
+}
+
+int akudoa_v4_nearest_node(const float* ax, const float* ay, int G, float sx, float sy)
+{
+    // The distance is separable: only nodes next to the point on each axis
+    // can reach the minimum. Three nodes either side cover the rounding of
+    // the fused sum, and the candidates are visited in increasing n so that
+    // ties resolve as in the full scan.
+    const int pi = axisPosition(ax, G, sx);
+    const int pj = axisPosition(ay, G, sy);
+    const int i0 = std::max(pi - 3, 0), i1 = std::min(pi + 3, G - 1);
+    const int j0 = std::max(pj - 3, 0), j1 = std::min(pj + 3, G - 1);
+    float best = FLT_MAX;
+    int node = 0;
+    for (int i = i0; i <= i1; ++i) {
+        const float dx = sx - ax[i];
+        for (int j = j0; j <= j1; ++j) {
+            const float dy = sy - ay[j];
+            const float dist = std::fmaf(dx, dx, dy * dy);
+            if (dist <= best) {
+                best = dist;
+                node = i * G + j;
+            }
+        }
+    }
+    return node;
+}
+
+AKUDoaQuantizeV4::AKUDoaQuantizeV4()
+    : d(new AKUDoaQuantizeV4Private)
+{
+}
+
+AKUDoaQuantizeV4::~AKUDoaQuantizeV4()
+{
+    if (d->micPlans) {
+        for (int m = 0; m < d->micNum; ++m)
+            if (d->micPlans[m])
+                fftwf_destroy_plan(d->micPlans[m]);
+        std::free(d->micPlans);
+    }
+    if (d->gridPlans) {
+        for (int b = 0; b < d->binNum; ++b)
+            if (d->gridPlans[b])
+                fftwf_destroy_plan(d->gridPlans[b]);
+        std::free(d->gridPlans);
+    }
+    destroy_vec_fp32(d->fftWindow);
+    destroy_mat2d_fp32(d->cellAmp);
+    destroy_mat2d_fp32(d->kernelX);
+    destroy_mat2d_fp32(d->kernelY);
+    destroy_mat2d_fp32(d->deconv);
+    destroy_mat2d_int32(d->cellIndex);
+    destory_mat2d_fftwfcplx(d->binSpectra);
+    destroy_mat2d_fp32(d->fftMean);
+    destroy_vec_fp32(d->heatAcc);
+    destroy_mat2d_fp32(d->binMaps);
+    destroy_mat1d_fp32(d->gprOut);
+    destroy_mat2d_fp32(d->focusPhase);
+    destroy_mat2d_fp32(d->windowed);
+    destory_mat2d_fftwfcplx(d->micSpectra);
+    destory_mat2d_fftwfcplx(d->gridIn);
+    destory_mat2d_fftwfcplx(d->gridOut);
+    destroy_vec_fp32(d->binScratch);
+    delete d->cluster;
+    delete d;
+}
+
+void AKUDoaQuantizeV4::doaInit(StCamCfg* cfg)
+{
+    d->cfg = cfg;
+    d->rows = cfg->imageResolutionRow;
+    d->cols = cfg->imageResolutionCol;
+    d->micNum = cfg->channelNum;
+    d->sampleRate = cfg->sampleFrequency;
+    d->frameSize = cfg->frameSize;
+    const int N = d->frameSize;
+    const int B = cfg->freqAverage ? (N >> 2) + 1 : (N >> 1) + 1;
+    d->binNum = B;
+    const int G = akudoa_v4_geometry(d->rows, d->cols).G;
+    d->gridSize = G;
+    const int M = d->micNum;
+    const int P = d->rows * d->cols;
+    d->cluster = new AKUCluster;
+
+    d->fftWindow = create_vec_fp32(N);
+    d->cellAmp = create_mat2d_fp32(B, M);
+    d->kernelX = create_mat2d_fp32(B, kTaps * M);
+    d->kernelY = create_mat2d_fp32(B, kTaps * M);
+    d->deconv = create_mat2d_fp32(G, G);
+    d->cellIndex = create_mat2d_int32(B, 2 * M);
+    d->binSpectra = create_mat2d_fftwfcplx(B, M);
+    d->fftMean = create_mat2d_fp32(B, 4 * M);
+    d->heatAcc = create_vec_fp32(P);
+    d->binMaps = create_mat2d_fp32(B, P);
+    // One regression image per worker of a batch; the batch is summed in
+    // band order, so its size only sets how much of the pool is used.
+    d->gprSlots = std::max(omp_get_max_threads(), 1);
+    d->gprOut = create_mat1d_fp32(d->gprSlots * d->rows, d->cols);
+    d->focusPhase = create_mat2d_fp32(B, 2 * M);
+    d->micPlans = static_cast<fftwf_plan*>(std::calloc(static_cast<size_t>(M), sizeof(fftwf_plan)));
+    d->windowed = create_mat2d_fp32(M, N);
+    // Zero-filled: with averaging the last bin adds entry N/2 + 1, which the
+    // FFT never writes.
+    d->micSpectra = create_mat2d_fftwfcplx(M, N);
+    d->gridPlans = static_cast<fftwf_plan*>(std::calloc(static_cast<size_t>(B), sizeof(fftwf_plan)));
+    d->gridIn = create_mat2d_fftwfcplx(B, G * G);
+    d->gridOut = create_mat2d_fftwfcplx(B, G * G);
+    d->binScratch = create_vec_fp32(B);
+
+    // FFTW's planner is not thread safe: every plan is made here, on the
+    // caller's thread; executing distinct plans from workers is fine.
+    for (int m = 0; m < M; ++m)
+        d->micPlans[m] = fftwf_plan_dft_r2c_1d(N, d->windowed->data[m],
+                                               reinterpret_cast<fftwf_complex*>(d->micSpectra->data[m]),
+                                               FFTW_ESTIMATE);
+    for (int b = 0; b < B; ++b)
+        d->gridPlans[b] = fftwf_plan_dft_2d(G, G, reinterpret_cast<fftwf_complex*>(d->gridIn->data[b]),
+                                            reinterpret_cast<fftwf_complex*>(d->gridOut->data[b]), FFTW_FORWARD,
+                                            FFTW_ESTIMATE);
+
+    createQuantizeParam();
+    createFocusDisParam();
+
+    // The frequencies assume 48 kHz and 1024 samples whatever the
+    // configuration says; the line is defined that way.
+    for (int i = 0; i < 512; ++i)
+        AKUDOA_LOG() << i << ": Freq = " << ((i * 48000) >> 9) << "Sen scale =" << cfg->micSensitivity[i];
+}
+
+void AKUDoaQuantizeV4::createQuantizeParam()
+{
+    const StCamCfg* cfg = d->cfg;
+    const int G = d->gridSize;
+    const int M = d->micNum;
+    const int B = d->binNum;
+    const int fs = d->sampleRate;
+    const int N = d->frameSize;
+    const bool average = cfg->freqAverage;
+
+    // Kernel width in grid units squared: the taper exp(-tau p^2) it puts on
+    // the image is undone by deconv.
+    const float tau = 24.0f / static_cast<float>(G * G);
+    const float t = static_cast<float>(
+        0.7071067811865476 /
+        static_cast<double>(std::tan(static_cast<float>((cfg->eangleDomain + 1) * kPi / 180.0))));
+    const float alpha = std::atan2(0.5f * cfg->micMaxRadius + 0.5f, t);
+    // Half-width of the spatial-frequency axis (node spacing 2 pi / G).
+    const float h = static_cast<float>(((G - 1) * 0.5) * kPi * (2.0 / G));
+    // Grid units per metre and hertz: a source at in-plane direction sine
+    // sin(alpha) lands half a grid away from the centre of the image.
+    const float kappa = static_cast<float>(((2.0 * static_cast<double>(std::sin(alpha))) / G) * 2.0 * kPi / 340.0);
+
+    std::vector<float> mx(static_cast<size_t>(M)), my(static_cast<size_t>(M));
+    for (int m = 0; m < M; ++m) {
+        mx[m] = cfg->micRadius[m] * std::cos(cfg->micPhi[m]);
+        my[m] = cfg->micRadius[m] * std::sin(cfg->micPhi[m]);
+    }
+    float w[kTaps];
+    for (int k = 0; k < kTaps; ++k) {
+        const float q = static_cast<float>((k - 4) * kPi / G);
+        w[k] = std::exp(-(q * q) / tau);
+    }
+    vec_fp32* Lx = create_vec_fp32(G);
+    vec_fp32* Ly = create_vec_fp32(G);
+    vec_fp32_linespace(Lx, -h, h);
+    vec_fp32_linespace(Ly, -h * cfg->imageThetaXYFactor, h * cfg->imageThetaXYFactor);
+    const float* ax = Lx->data;
+    const float* ay = Ly->data;
+
+#pragma omp parallel for schedule(dynamic, 1)
+    for (int b = 0; b < B; ++b) {
+        // Row b grids the bin one below it (bin 0 at a negative frequency):
+        // the offset is part of the engine's calibrated behaviour.
+        const int k = average ? 2 * b - 1 : b - 1;
+        const float f = static_cast<float>(k) * static_cast<float>(fs) / static_cast<float>(N);
+        int* idx = d->cellIndex->data[b];
+        float* amp = d->cellAmp->data[b];
+        float* kx = d->kernelX->data[b];
+        float* ky = d->kernelY->data[b];
+        for (int m = 0; m < M; ++m) {
+            const float sx = kappa * mx[m] * f;
+            const float sy = kappa * my[m] * f;
+            const int n = akudoa_v4_nearest_node(ax, ay, G, sx, sy);
+            const int i = n / G;
+            const int j = n - i * G;
+            idx[m] = i;
+            idx[M + m] = j;
+            const float dx = sx - ax[i];
+            const float dy = sy - ay[j];
+            amp[m] = std::exp(-(dx * dx + dy * dy) / (4.0f * tau));
+            const float ex = static_cast<float>(std::exp(static_cast<double>(dx) * kPi / (G * static_cast<double>(tau))));
+            const float ey = static_cast<float>(std::exp(static_cast<double>(dy) * kPi / (G * static_cast<double>(tau))));
+            for (int tap = 0; tap < kTaps; ++tap) {
+                kx[kTaps * m + tap] = w[tap] * std::pow(ex, static_cast<float>(tap - 4));
+                ky[kTaps * m + tap] = w[tap] * std::pow(ey, static_cast<float>(tap - 4));
+            }
+        }
+    }
+    // Name the kernel's first node instead of its centre.
+    for (int b = 0; b < B; ++b)
+        for (int c = 0; c < 2 * M; ++c)
+            d->cellIndex->data[b][c] -= 4;
+
+    const float half = static_cast<float>(G) * 0.5f;
+    const float norm = static_cast<float>(2.0 * kPi / (static_cast<double>(G) * G * 16.0 * tau));
+    for (int r = 0; r < G; ++r) {
+        float* row = d->deconv->data[r];
+        for (int c = 0; c < G; ++c) {
+            const float dc = static_cast<float>(c) - half;
+            const float dr = static_cast<float>(r) - half;
+            const float e = std::exp((dc * dc + dr * dr) * tau);
+            row[c] = (e * e) * norm;
+        }
+    }
+    destroy_vec_fp32(Lx);
+    destroy_vec_fp32(Ly);
+}
+
+void AKUDoaQuantizeV4::createFocusDisParam()
+{
+    const StCamCfg* cfg = d->cfg;
+    if (!cfg->focusDistanceEn)
+        return;
+    const int M = d->micNum;
+    const int B = d->binNum;
+    const int fs = d->sampleRate;
+    const int N = d->frameSize;
+    const float D = cfg->focusDistance;
+    const float den = (D + D) * kSoundSpeed;
+    // q_m: Fresnel phase per hertz, 2 pi r^2 / (2 D c); groups of four lanes,
+    // padded with zeros past M.
+    const int M4 = (M + 3) & ~3;
+    std::vector<float> q(static_cast<size_t>(M4), 0.0f);
+    for (int m = 0; m < M; ++m) {
+        const double r = static_cast<double>(cfg->micRadius[m]);
+        q[m] = static_cast<float>((r * (2.0 * kPi) * r) / static_cast<double>(den));
+    }
+    for (int b = 0; b < B; ++b) {
+        // Unlike the gridding, the phase uses the bin itself (b, or the
+        // pair's 2b - 1 with averaging), as an integer frequency.
+        const int F = cfg->freqAverage ? ((2 * b - 1) * fs) / N : (b * fs) / N;
+        const float32x4_t vf = vdupq_n_f32(static_cast<float>(F));
+        float* cosRow = d->focusPhase->data[b];
+        float* sinRow = cosRow + M;
+        for (int m = 0; m < M4; m += 4) {
+            float32x4_t s, c;
+            sincos_ps(vmulq_f32(vf, vld1q_f32(q.data() + m)), &s, &c);
+            float cs[4], sn[4];
+            vst1q_f32(cs, c);
+            vst1q_f32(sn, s);
+            for (int l = 0; l < 4 && m + l < M; ++l) {
+                cosRow[m + l] = cs[l];
+                sinRow[m + l] = sn[l];
+            }
+        }
+    }
+}
+
+void AKUDoaQuantizeV4::focusDisUpdate()
+{
+    createFocusDisParam();
+}
+
+void AKUDoaQuantizeV4::updateFFTWin(float* window, int length)
+{
+    if (!d->fftWindow || length != d->frameSize)
+        return;
+    std::memcpy(d->fftWindow->data, window, sizeof(float) * static_cast<size_t>(length));
+}
+
+void AKUDoaQuantizeV4::executeFFT(mat2d_fp32* frame)
+{
+    const int M = d->micNum;
+    const int N = d->frameSize;
+    const int B = d->binNum;
+    const int channels = std::min(frame->rows, M);
+    const int samples = std::min(frame->cols, N);
+    const float* win = d->fftWindow->data;
+    const bool average = d->cfg->freqAverage;
+#pragma omp parallel for schedule(dynamic, 1)
+    for (int m = 0; m < channels; ++m) {
+        const float* in = frame->data[m];
+        float* t = d->windowed->data[m];
+        for (int i = 0; i < samples; ++i)
+            t[i] = in[i] * win[i];
+        fftwf_execute(d->micPlans[m]);
+        const akudoa_fftwf_complex* X = d->micSpectra->data[m];
+        for (int b = 0; b < B; ++b) {
+            float* z = d->binSpectra->data[b][m];
+            if (average) {
+                z[0] = X[2 * b][0] + X[2 * b + 1][0];
+                z[1] = X[2 * b][1] + X[2 * b + 1][1];
+            } else {
+                z[0] = X[b][0];
+                z[1] = X[b][1];
+            }
+        }
+    }
+#pragma omp parallel for schedule(dynamic, 1)
+    for (int b = 0; b < B; ++b) {
+        float* row = d->fftMean->data[b];
+        for (int m = 0; m < M; ++m) {
+            const akudoa_fftwf_complex* X = d->micSpectra->data[m];
+            float re, im;
+            if (average) {
+                re = X[2 * b][0] + X[2 * b + 1][0];
+                im = X[2 * b][1] + X[2 * b + 1][1];
+            } else {
+                re = X[b][0];
+                im = X[b][1];
+            }
+            row[m] = re;
+            row[M + m] = -im;
+            row[2 * M + m] = im;
+            row[3 * M + m] = re;
+        }
+    }
+}
+
+// Readout offsets of one image size, computed once per frame: grid column
+// p = (H + r) mod S of image row r - 1 (r = 1 .. NR), grid row
+// q = (H + o + 2 + c) mod S of image column c as an offset q * S, and the
+// deconvolution column o + 2 + c (read cyclically when the image is wider
+// than tall and the column would run past the row).
+struct ReadoutTables {
+    std::vector<int> gridCol;   // NR + 1 entries, index r
+    std::vector<int> gridRow;   // NC entries: q * S
+    std::vector<int> deconvCol; // NC entries
+
+    ReadoutTables(const AKUDoaV4Geometry& g, int NR, int NC)
+        : gridCol(static_cast<size_t>(NR) + 1), gridRow(static_cast<size_t>(NC)), deconvCol(static_cast<size_t>(NC))
+    {
+        for (int r = 0; r <= NR; ++r)
+            gridCol[r] = (g.H + r) % g.S;
+        for (int c = 0; c < NC; ++c) {
+            gridRow[c] = ((g.H + g.o + 2 + c) % g.S) * g.S;
+            deconvCol[c] = (g.o + 2 + c) % g.G;
+        }
+    }
+};
+
+// Image of bin b into binMaps[b]: gridding, 2-D FFT, deconvolution readout
+// and self-term removal. Touches only row b of the per-bin buffers, so bins
+// run concurrently.
+static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const AKUDoaV4Geometry& g,
+                     const ReadoutTables& t, int b)
+{
+    const int G = g.G;
+    const int S = g.S;
+    const int M = d->micNum;
+    const int NR = d->rows;
+    const int NC = d->cols;
+    akudoa_fftwf_complex* grid = d->gridIn->data[b];
+    std::memset(grid, 0, sizeof(akudoa_fftwf_complex) * static_cast<size_t>(G) * G);
+
+    // Gridding: each microphone's value spread over its 9 x 9 kernel, the
+    // separable weight amp * ky[u] * kx[v].
+    const bool focus = d->cfg->focusDistanceEn;
+    const float* cosRow = d->focusPhase->data[b];
+    const float* sinRow = cosRow + M;
+    const int* idx = d->cellIndex->data[b];
+    const float* amp = d->cellAmp->data[b];
+    const float* kx = d->kernelX->data[b];
+    const float* ky = d->kernelY->data[b];
+    for (int m = 0; m < M; ++m) {
+        float re = d->binSpectra->data[b][m][0];
+        float im = d->binSpectra->data[b][m][1];
+        if (focus) {
+            const float c = cosRow[m];
+            const float s = sinRow[m];
+            const float r2 = std::fmaf(-im, s, re * c);
+            const float i2 = std::fmaf(re, s, im * c);
+            re = r2;
+            im = i2;
+        }
+        const int i0 = idx[m];
+        const int j0 = idx[M + m];
+        const float a = amp[m];
+        const float* kxm = kx + kTaps * m;
+        const float* kym = ky + kTaps * m;
+        if (i0 >= 0 && j0 >= 0 && i0 + kTaps <= G && j0 + kTaps <= G) {
+            for (int u = 0; u < kTaps; ++u) {
+                const float wy = a * kym[u];
+                akudoa_fftwf_complex* line = grid + static_cast<size_t>(j0 + u) * S + i0;
+                for (int v = 0; v < kTaps; ++v) {
+                    const float wt = wy * kxm[v];
+                    line[v][0] += re * wt;
+                    line[v][1] += im * wt;
+                }
+            }
+        } else {
+            for (int u = 0; u < kTaps; ++u) {
+                const float wy = a * kym[u];
+                akudoa_fftwf_complex* line = grid + static_cast<size_t>(wrapNode(j0 + u, G)) * S;
+                for (int v = 0; v < kTaps; ++v) {
+                    const float wt = wy * kxm[v];
+                    akudoa_fftwf_complex& cell = line[wrapNode(i0 + v, G)];
+                    cell[0] += re * wt;
+                    cell[1] += im * wt;
+                }
+            }
+        }
+    }
+    fftwf_execute(d->gridPlans[b]);
+
+    // Readout: the microphones' own power sum |X_m|^2 is part of every
+    // pixel's squared beam; removing it leaves the cross terms.
+    const float self = d->spectrumSelf
+        ? 0.0f
+        : engine->vec_power_fp32(reinterpret_cast<float*>(d->binSpectra->data[b]), 2u * static_cast<unsigned>(M));
+    const akudoa_fftwf_complex* out = d->gridOut->data[b];
+    float* map = d->binMaps->data[b];
+    const int* qOff = t.gridRow.data();
+    const int* dCol = t.deconvCol.data();
+    for (int r = 1; r <= NR; ++r) {
+        const akudoa_fftwf_complex* col = out + t.gridCol[static_cast<size_t>(r)];
+        const float* dec = d->deconv->data[r];
+        float* dst = map + static_cast<size_t>(r - 1) * NC;
+        for (int c = 0; c < NC; ++c) {
+            const akudoa_fftwf_complex& z = col[qOff[c]];
+            const float pw = z[0] * z[0] + z[1] * z[1];
+            dst[c] = std::fmaf(dec[dCol[c]], pw, -self);
+        }
+    }
+}
+
+void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat2d_fp32* heatMap)
+{
+    executeFFT(frame);
+    const std::vector<doaFreqInfo> L = bands.data();
+    const int NR = d->rows;
+    const int NC = d->cols;
+    const int P = NR * NC;
+    const int M = d->micNum;
+    const int B = d->binNum;
+    std::fill(d->heatAcc->data, d->heatAcc->data + P, 0.0f);
+    const AKUDoaV4Geometry g = akudoa_v4_geometry(NR, NC);
+    const ReadoutTables tables(g, NR, NC);
+
+    const bool average = d->cfg->freqAverage;
+    const int stride = average ? 2 : 1;
+    const int count = (static_cast<int>(L.size()) + stride - 1) / stride;
+
+    // Each entry fills its own row of gridIn, gridOut and binMaps.
+#pragma omp parallel for schedule(dynamic, 1)
+    for (int e = 0; e < count; ++e) {
+        const int b = entryRow(L, e * stride, average);
+        if (b < 0 || b >= B)
+            continue; // a band edge past the last table row has no bin
+        imageBin(this, d, g, tables, b);
+    }
+
+    // Sum in band order: the image does not depend on which worker finished
+    // first or on how many there are.
+    if (usesRegression(d->cfg)) {
+        // Programs 53/54: each bin's image re-rendered from its peaks. Every
+        // worker of a batch writes its own slot of gprOut; the batch is then
+        // added in band order. Sensitivity gains do not apply on this path.
+        const int slots = d->gprSlots;
+        std::vector<int> rowsOf;
+        for (int e = 0; e < count; ++e) {
+            const int b = entryRow(L, e * stride, average);
+            if (b >= 0 && b < B)
+                rowsOf.push_back(b);
+        }
+        const int n = static_cast<int>(rowsOf.size());
+        mat1d_fp32 slot;
+        slot.rows = NR;
+        slot.cols = NC;
+        for (int start = 0; start < n; start += slots) {
+            const int batch = std::min(slots, n - start);
+#pragma omp parallel for schedule(dynamic, 1)
+            for (int s = 0; s < batch; ++s)
+                AKUGaussianProcessRegression::predit_auto_process(
+                    d->binMaps->data[rowsOf[start + s]], d->gprOut->data + static_cast<size_t>(s) * P, NR, NC, 1.5f,
+                    4.0f, 0.025f, d->cfg->targetQuantize);
+            for (int s = 0; s < batch; ++s) {
+                slot.data = d->gprOut->data + static_cast<size_t>(s) * P;
+                ComplexAdd(&slot, d->heatAcc);
+            }
+        }
+    } else {
+        for (int e = 0; e < count; ++e) {
+            const int b = entryRow(L, e * stride, average);
+            if (b < 0 || b >= B)
+                continue;
+            ComplexAddWithScale(d->binMaps, d->heatAcc, sensitivity(d->cfg, b), b);
+        }
+    }
+
+    float* h = d->heatAcc->data;
+    const unsigned n = static_cast<unsigned>(P);
+    array_scale_fp32_anchor(h, 1.0f / static_cast<float>((M - 1) * M), n);
+    if (!d->spectrumSelf)
+        array_setfloor_fp32(h, 0.0f, n);
+    array_sqrt_fp32_anchor(h, n);
+    array_scale_fp32_anchor(h, 1.0f / static_cast<float>(d->frameSize), n);
+
+    switch (d->cfg->rotateMode) {
+    case 0: // half turn
+        for (int i = 0; i < NR; ++i)
+            for (int j = 0; j < NC; ++j)
+                heatMap->data[i][j] = h[(NR - 1 - i) * NC + (NC - 1 - j)];
+        break;
+    case 1:
+        for (int i = 0; i < NR; ++i)
+            for (int j = 0; j < NC; ++j)
+                heatMap->data[i][j] = h[i * NC + j];
+        break;
+    case 2: // rows reversed
+        for (int i = 0; i < NR; ++i)
+            for (int j = 0; j < NC; ++j)
+                heatMap->data[i][j] = h[(NR - 1 - i) * NC + j];
+        break;
+    case 3: // columns reversed
+        for (int i = 0; i < NR; ++i)
+            for (int j = 0; j < NC; ++j)
+                heatMap->data[i][j] = h[i * NC + (NC - 1 - j)];
+        break;
+    default:
+        break; // unknown orientation: the caller's map is left as it was
+    }
+}
+
+void AKUDoaQuantizeV4::powerSpec(vec_fp32* spectrum, int channel)
+{
+    if (!spectrum || !d->micSpectra || channel < 0 || channel >= d->micNum)
+        return;
+    const int n = std::min(spectrum->n, d->frameSize);
+    const akudoa_fftwf_complex* X = d->micSpectra->data[channel];
+    for (int k = 0; k < n; ++k)
+        spectrum->data[n - 1 - k] = X[k][0] * X[k][0] + X[k][1] * X[k][1];
+}
+
+void AKUDoaQuantizeV4::setSpectrumSelf(bool on)
+{
+    d->spectrumSelf = on;
+}
+
+void AKUDoaQuantizeV4::setFocusRadiusMode(bool on)
+{
+    d->focusRadiusMode = on;
+}
+
+mat2d_fp32* AKUDoaQuantizeV4::getFFTMean()
+{
+    return d->fftMean;
+}
+
+float AKUDoaQuantizeV4::getPaWithTarget(fpoint2d target, AKUDoaFreqBands& bands)
+{
+    const int NR = d->rows;
+    const int NC = d->cols;
+    const int M = d->micNum;
+    const int r = target.x;
+    const int c = target.y;
+    // This engine's own mapping from heat-map coordinates to a pixel of
+    // binMaps (it is not the inverse of every orientation of executeDOA).
+    int idx;
+    switch (d->cfg->rotateMode) {
+    case 0: idx = r * NC + (NC - c - 1); break;
+    case 1: idx = r * NC + c; break;
+    case 2: idx = (NR - r - 1) * NC + c; break;
+    case 3: idx = (NR - r) * NC - c - 1; break;
+    default: idx = NR * c + r; break;
+    }
+    if (!d->binMaps || idx < 0 || idx >= NR * NC)
+        return 0.0f; // a target outside the image has no pixel
+    const std::vector<doaFreqInfo> L = bands.data();
+    float sum = 0.0f;
+    for (const doaFreqInfo& e : L) {
+        if (e.bin < 0 || e.bin >= d->binNum)
+            continue;
+        sum = std::fmaf(d->binMaps->data[e.bin][idx], sensitivity(d->cfg, e.bin), sum);
+    }
+    sum = sum / static_cast<float>((M - 1) * M);
+    float a;
+    if (d->spectrumSelf)
+        a = std::sqrt(sum);
+    else
+        a = sum < 0.0f ? 0.0f : std::sqrt(sum);
+    return a / static_cast<float>(d->frameSize);
+}
+
+void AKUDoaQuantizeV4::findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& bands, int& lowFreq, int& highFreq,
+                                           float& power)
+{
+    const AKUDoaTargetRangeSource src{d->binMaps, d->rows, d->cols, d->micNum,
+                                      d->frameSize, d->sampleRate, d->cfg && d->cfg->freqAverage};
+    akudoa_find_target_freq_range(src, d->cluster, target, bands.data(), lowFreq, highFreq, power);
+}
