@@ -18,8 +18,9 @@
 #include "AKUDoa/akudoadistance.h"
 #include "AKUDoa/akudoakernel_p.h"
 #include "AKUDoa/akudoapickupv4.h"
+#include "AKUDoa/akudoapickupv4_p.h"
 #include "AKUDoa/akudoaquantizeline.h"
-#include "AKUDoa/iakudoaquantize.h"
+#include "AKUDoa/akudoaquantizev3.h"
 #include "AKUDoa/base/akufftwindow.h"
 #include "AKUDoa/base/akudoalogging.h"
 
@@ -88,6 +89,19 @@ void ringLayout(int n, float r, int32_t* index, float* phi, float* radius)
 }
 
 // ---------------------------------------------------------------------------
+
+// Planar engine of a stored program value. Every value but the gridding
+// programs images with V3.
+IAKUDoaQuantize* newPlanarEngine(int doaVersionSelect)
+{
+    (void)doaVersionSelect;
+    return new AKUDoaQuantizeV3;
+}
+
+bool usesGriddingTable(int doaVersionSelect)
+{
+    return doaVersionSelect == 4 || doaVersionSelect == 54;
+}
 
 int64_t elapsedMs(const timespec& a, const timespec& b)
 {
@@ -219,15 +233,15 @@ void AKUDoaKernelPrivate::releaseObjects()
     // the band manager below.
     delete pickup;
     pickup = nullptr;
-    // The planar engine, the distance measurer, the extended-view engine and
-    // the two linear engines are released here, in that order, once their
-    // classes exist; until then init never creates them.
+    delete doaEngine;
+    doaEngine = nullptr;
     delete distance;
     distance = nullptr;
     for (AKUDoaQuantizeLine*& line : lineEngine) {
         delete line;
         line = nullptr;
     }
+    // The extended-view engine is released here once its class exists.
     delete freqBands;
     freqBands = nullptr;
     destroy_mat2d_fp32(doaFrame);
@@ -241,6 +255,48 @@ void AKUDoaKernelPrivate::releaseObjects()
     heatMap = nullptr;
     destroy_vec_fp32(cordinate);
     cordinate = nullptr;
+}
+
+CordinateMat AKUDoaKernelPrivate::coefficients() const
+{
+    return CordinateMat{cfg.rx1, cfg.rx2, cfg.rx3, cfg.ry1, cfg.ry2, cfg.ry3};
+}
+
+void AKUDoaKernelPrivate::GenerateCordinateMat()
+{
+    if (cordinate)
+        akudoa_cordinate_generate(coefficients(), static_cast<float>(cfg.sectionFactor), cfg.imageResolutionRow,
+                                  cfg.imageResolutionCol, cordinate->data);
+}
+
+void AKUDoaKernelPrivate::GenerateCordinateMatV4()
+{
+    if (cordinate)
+        akudoa_cordinate_generate_v4(coefficients(), static_cast<float>(cfg.sectionFactor), cfg.imageResolutionRow,
+                                     cfg.imageResolutionCol, cordinate->data);
+}
+
+void AKUDoaKernelPrivate::rebuildCordinate()
+{
+    if (usesGriddingTable(cfg.doaVersionSelect))
+        GenerateCordinateMatV4();
+    else
+        GenerateCordinateMat();
+}
+
+void AKUDoaKernelPrivate::DoCodCor2D(mat2d_fp32* raw, mat2d_fp32* out) const
+{
+    akudoa_cordinate_resample(cordinate->data, raw, out);
+}
+
+fpoint2d AKUDoaKernelPrivate::DoPointCorCod2D(fpoint2d p) const
+{
+    return akudoa_cordinate_point(coefficients(), static_cast<float>(cfg.sectionFactor), p);
+}
+
+fpoint2d AKUDoaKernelPrivate::engineTarget(fpoint2d p) const
+{
+    return cfg.imageCorrectionFlag == 1 ? DoPointCorCod2D(p) : p;
 }
 
 // ---------------------------------------------------------------------------
@@ -300,6 +356,7 @@ bool AKUDoaKernel::init(const char* path)
     c.extendRows = 12;
     c.extendCols = 12;
     c.initFlag = 0;
+    c.pickupFullBand = false;
     for (int i = 0; i < 6; ++i) {
         c.micIndex[i] = 0;
         c.micPhi[i] = 0.0f;
@@ -468,21 +525,19 @@ bool AKUDoaKernel::init(const char* path)
         d->freqBands->updateBands({band});
         d->doaFrame = create_mat2d_fp32(d->channels, d->frameSize);
     } else {
-        // Planar engine (V4 for programs 4 and 54, V3 otherwise) and, with
-        // extraEn, the extended-view engine: created and initialised here
-        // once their classes exist.
+        d->doaEngine = newPlanarEngine(c.doaVersionSelect);
+        d->doaEngine->doaInit(&c);
+        // With extraEn the extended-view engine is created and initialised
+        // here once its class exists.
 
         d->freqBands = new AKUDoaFreqBands(d->frameSize, d->sampleRate);
         d->freqBands->updateBands({band});
 
-        // No INI key sets the pickup's full-band switch.
-        c.pickupFullBand = false;
-        d->pickup = new AKUDoaPickupV4();
-        d->pickup->initPickup(&d->cfg);
-
+        d->pickup = new AKUDoaPickupV4;
+        d->pickup->initPickup(&c);
         if (c.distanceMeasureEn) {
-            d->distance = new AKUDoaDistance();
-            d->distance->initDistance(&d->cfg);
+            d->distance = new AKUDoaDistance;
+            d->distance->initDistance(&c);
         }
 
         d->extraFrame = create_mat2d_fp32(d->channels, d->frameSize);
@@ -493,9 +548,12 @@ bool AKUDoaKernel::init(const char* path)
         d->heatMap = create_mat2d_fp32(c.imageResolutionRow, c.imageResolutionCol);
         d->cordinate = create_vec_fp32(c.imageResolutionRow * c.imageResolutionCol * 2);
 
-        // Coordinate table (V4 rule for programs 4 and 54), the engine's
-        // radius and self-spectrum modes and the default Tukey(0.2) imaging
-        // window: set here with the engines.
+        d->rebuildCordinate();
+        d->doaEngine->setFocusRadiusMode(d->focusRadius);
+        d->doaEngine->setSpectrumSelf(d->spectrumSelf);
+        // initFlag is still 0 here, so the window setters run unconditionally
+        // on the objects just built.
+        setFFTWindow_doa(FFT_WINDOW_TUKEY, 0.0f, 0.0f, 0.2f);
         setFFTWindow_pickup(FFT_WINDOW_HANN, 0.0f, 0.0f, 1.0f);
     }
 
@@ -536,17 +594,40 @@ bool AKUDoaKernel::init(const char* path)
     return true;
 }
 
-// Readout. init does not build the engines behind these calls yet, so each
-// refuses like a call before init; the guards below stay valid once the
-// engines are wired in and the engine paths replace the final return.
+// ---------------------------------------------------------------------------
+// Readout. One capture thread pushes frames; setters may run concurrently on
+// other threads and are serialised against the engines by doaMutex.
+
 bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, vec_fp32* spectrum, int channel)
 {
-    (void)heatMap;
-    (void)spectrum;
-    (void)channel;
-    if (!frame || d->cfg.initFlag != 1 || !d->doaEngine)
+    const StCamCfg& c = d->cfg;
+    if (!frame || c.initFlag != 1 || !d->doaEngine)
         return false;
-    return false; // engine path: frame copy, executeDOA, correction, powerSpec
+    // A map of another size would be written out of bounds: refuse it.
+    if (heatMap && (heatMap->rows != c.imageResolutionRow || heatMap->cols != c.imageResolutionCol))
+        return false;
+
+    d->pushDoaAudioFrame(frame);
+    if (c.imageCorrectionFlag == 1 || !heatMap) {
+        // Without a caller map the frame is still imaged (into the internal
+        // map), so the target and distance readouts see this frame.
+        std::lock_guard<std::mutex> doaLock(d->doaMutex);
+        d->doaEngine->executeDOA(d->doaFrame, *d->freqBands, d->heatMap);
+        if (heatMap && c.imageCorrectionFlag == 1) {
+            std::lock_guard<std::mutex> corLock(d->cordinateMutex);
+            d->DoCodCor2D(d->heatMap, heatMap);
+        }
+    } else {
+        std::lock_guard<std::mutex> doaLock(d->doaMutex);
+        d->doaEngine->executeDOA(d->doaFrame, *d->freqBands, heatMap);
+    }
+    if (!heatMap)
+        return true;
+    if (spectrum) {
+        std::lock_guard<std::mutex> doaLock(d->doaMutex);
+        d->doaEngine->powerSpec(spectrum, channel);
+    }
+    return true;
 }
 
 bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, fpoint2d target, float& distance,
@@ -555,26 +636,22 @@ bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, fpoint2d 
     if (!readHeatMap(frame, heatMap, spectrum, channel))
         return false;
     if (!d->cfg.distanceMeasureEn || !d->distance)
-        return false; // the heat map is delivered all the same
-    std::lock_guard<std::mutex> lock(d->doaMutex);
-    mat2d_fp32* spectra = d->doaEngine->getFFTMean();
-    if (d->cfg.imageCorrectionFlag == 1) {
-        const StCamCfg& c = d->cfg;
-        const CordinateMat m{c.rx1, c.rx2, c.rx3, c.ry1, c.ry2, c.ry3};
-        target = akudoa_cordinate_point(m, static_cast<float>(c.sectionFactor), target);
-    }
-    d->distance->executeDoa(spectra, *d->freqBands, target, distance);
+        return false;
+    std::lock_guard<std::mutex> doaLock(d->doaMutex);
+    d->distance->executeDoa(d->doaEngine->getFFTMean(), *d->freqBands, d->engineTarget(target), distance);
     return true;
 }
 
 bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, fpoint2d target, int& lowBin, int& highBin,
                                float& power, vec_fp32* spectrum, int channel)
 {
-    (void)target;
-    (void)lowBin;
-    (void)highBin;
-    (void)power;
-    return readHeatMap(frame, heatMap, spectrum, channel);
+    if (!readHeatMap(frame, heatMap, spectrum, channel))
+        return false;
+    // The target is used as given here (no correction), as hosts expect of
+    // this call.
+    std::lock_guard<std::mutex> doaLock(d->doaMutex);
+    d->doaEngine->findTargetFreqRange(target, *d->freqBands, lowBin, highBin, power);
+    return true;
 }
 
 bool AKUDoaKernel::readHeatMapExtra(mat2d_fp32* frame, mat2d_fp32* heatMap)
@@ -582,7 +659,7 @@ bool AKUDoaKernel::readHeatMapExtra(mat2d_fp32* frame, mat2d_fp32* heatMap)
     (void)heatMap;
     if (!frame || d->cfg.initFlag != 1 || !d->cfg.extraEn || !d->extra)
         return false;
-    return false; // engine path: frame copy, extra->executeDOA
+    return false;
 }
 
 bool AKUDoaKernel::readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2d_fp32* heatMap1)
@@ -598,19 +675,129 @@ bool AKUDoaKernel::readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2
 
 bool AKUDoaKernel::readPickedUpAudio(mat2d_fp32* frame, vec_fp32* audio, fpoint2d target)
 {
-    if (!frame || d->cfg.initFlag != 1 || !d->pickup)
+    if (!frame || !audio || d->cfg.initFlag != 1 || !d->pickup)
         return false;
-    // The pool is written without a lock: one calling thread only.
     d->pushPickUpAudioFrame(frame);
-    std::lock_guard<std::mutex> lock(d->pickupMutex);
-    if (d->cfg.imageCorrectionFlag == 1) {
-        const StCamCfg& c = d->cfg;
-        const CordinateMat m{c.rx1, c.rx2, c.rx3, c.ry1, c.ry2, c.ry3};
-        target = akudoa_cordinate_point(m, static_cast<float>(c.sectionFactor), target);
-    }
-    d->pickup->initTargetPoint(target.x, target.y);
+    std::lock_guard<std::mutex> pickupLock(d->pickupMutex);
+    const fpoint2d t = d->engineTarget(target);
+    d->pickup->initTargetPoint(t.x, t.y);
     d->pickup->executePickup(d->framePool.back(), *d->freqBands, audio);
     return true;
+}
+
+fpoint2d AKUDoaKernel::getPaWithTarget(fpoint2d target)
+{
+    fpoint2d result = target;
+    result.val = 0.0f;
+    if (d->cfg.initFlag != 1 || !d->doaEngine)
+        return result;
+    const fpoint2d t = d->engineTarget(target);
+    // The engine lock keeps a concurrent program switch from freeing the
+    // engine under this read; it never nests with another lock here.
+    std::lock_guard<std::mutex> doaLock(d->doaMutex);
+    result.val = d->doaEngine->getPaWithTarget(t, *d->freqBands);
+    return result;
+}
+
+// ---------------------------------------------------------------------------
+// Program and engine control
+
+namespace {
+
+struct ProgramInfo {
+    int stored;
+    const char* startMessage;
+    const char* okMessage;
+};
+
+const ProgramInfo kPrograms[4] = {
+    {3, "start set doa program v3", "set doa program v3 ok"},
+    {4, "start set doa program v4", "set doa program v4 ok"},
+    {53, "start set doa program v5 process 3", "set doa program v5 process 3 ok"},
+    {54, "start set doa program v5 process 4", "set doa program v5 process 4 ok"},
+};
+
+} // namespace
+
+DOAProgarm AKUDoaKernel::getDoaProgram()
+{
+    for (int i = 0; i < 4; ++i)
+        if (kPrograms[i].stored == d->cfg.doaVersionSelect)
+            return static_cast<DOAProgarm>(i);
+    return DOA_PROGRAM_V3;
+}
+
+void AKUDoaKernel::setDoaProgram(DOAProgarm program)
+{
+    const int index = static_cast<int>(program);
+    if (index < 0 || index > 3)
+        return;
+    const ProgramInfo& info = kPrograms[index];
+    if (d->cfg.doaVersionSelect == info.stored)
+        return;
+    // A planar engine needs the planar buffers: nothing to switch before
+    // init or in linear-array mode.
+    if (d->cfg.initFlag != 1 || !d->doaEngine)
+        return;
+    AKUDOA_LOG() << "AKUDoaKernel::setDoaProgram" << info.startMessage;
+
+    std::lock_guard<std::mutex> doaLock(d->doaMutex);
+    d->cfg.doaVersionSelect = info.stored;
+    delete d->doaEngine;
+    d->doaEngine = newPlanarEngine(info.stored);
+    d->doaEngine->doaInit(&d->cfg);
+    {
+        std::lock_guard<std::mutex> corLock(d->cordinateMutex);
+        d->rebuildCordinate();
+    }
+    d->doaEngine->setFocusRadiusMode(d->focusRadius);
+    d->doaEngine->setSpectrumSelf(d->spectrumSelf);
+    AKUFFTWindow window(d->frameSize, FFT_WINDOW_TUKEY, 0.0f, 0.0f, 0.2f);
+    d->doaEngine->updateFFTWin(window.data()->data, window.data()->n);
+    AKUDOA_LOG() << "AKUDoaKernel::setDoaProgram" << info.okMessage;
+}
+
+void AKUDoaKernel::setFocusDis(float distance, bool enable)
+{
+    d->cfg.focusDistanceEn = enable;
+    d->cfg.focusDistance = distance;
+
+    std::lock_guard<std::mutex> doaLock(d->doaMutex);
+    // Only the engine class that the stored program names is rebuilt; any
+    // other engine (or none) is left alone.
+    AKUDoaQuantizeV3* v3 = nullptr;
+    const int select = d->cfg.doaVersionSelect;
+    if (select == 3 || select == 53)
+        v3 = dynamic_cast<AKUDoaQuantizeV3*>(d->doaEngine);
+    if (!v3)
+        return;
+    timespec t0{};
+    timespec t1{};
+    clock_gettime(CLOCK_MONOTONIC, &t0);
+    v3->focusDisUpdate();
+    clock_gettime(CLOCK_MONOTONIC, &t1);
+    AKUDOA_LOG() << "doakernel setFocusDis: TargetDistance =" << distance << (enable ? "ENABLE" : "DISABLE")
+                 << " use time(ms)" << static_cast<long>(elapsedMs(t0, t1));
+}
+
+float AKUDoaKernel::getFocusDis()
+{
+    return d->cfg.focusDistance;
+}
+
+bool AKUDoaKernel::getFocusDisEn()
+{
+    return d->cfg.focusDistanceEn;
+}
+
+void AKUDoaKernel::setFFTWindow_doa(FFTWindowType type, float p1, float p2, float p3)
+{
+    if (!d->doaEngine)
+        return;
+    AKUFFTWindow window(d->frameSize, type, p1, p2, p3);
+    std::lock_guard<std::mutex> doaLock(d->doaMutex);
+    d->doaEngine->updateFFTWin(window.data()->data, window.data()->n);
+    // The extended-view engine takes the same window once it exists.
 }
 
 fpoint2d AKUDoaKernelPrivate::pickupTargetForCell(fpoint2d cell)
@@ -626,14 +813,23 @@ fpoint2d AKUDoaKernelPrivate::pickupTargetForCell(fpoint2d cell)
         r = std::min(std::max(static_cast<int>(std::lround(uv[0])), 0), rows - 1);
         c = std::min(std::max(static_cast<int>(std::lround(uv[1])), 0), cols - 1);
     }
-    // The engine draws the wave from direction -w at its raw pixel with
-    // steering direction w; the pickup steers at +w of its stored target.
-    // The two grids coincide, so the stored target is the cell on an axis
-    // that the rotation mode flips and its mirror rows - 1 - row otherwise.
     const int mode = cfg.rotateMode;
+    fpoint2d t = cell;
+    if (cfg.doaVersionSelect == 4 || cfg.doaVersionSelect == 54) {
+        // Gridding engine: undo its orientation step, then steer at the
+        // nearest pickup point to the direction its cell shows.
+        const int ra = (mode == 0 || mode == 2) ? rows - 1 - r : r;
+        const int ca = (mode == 0 || mode == 3) ? cols - 1 - c : c;
+        akudoa_pickup_target_for_gridded_cell(cfg, ra, ca, t.x, t.y);
+        return t;
+    }
+    // Steering-table engine: it draws the wave from direction -w at its raw
+    // pixel with steering direction w; the pickup steers at +w of its stored
+    // target. The two grids coincide, so the stored target is the cell on an
+    // axis that the rotation mode flips and its mirror rows - 1 - row
+    // otherwise.
     const bool flipRows = mode == 1 || mode == 3;
     const bool flipCols = mode == 1 || mode == 2;
-    fpoint2d t = cell;
     t.x = flipRows ? r : rows - 1 - r;
     t.y = flipCols ? c : cols - 1 - c;
     return t;
@@ -656,8 +852,51 @@ void AKUDoaKernel::setFFTWindow_pickup(FFTWindowType type, float p1, float p2, f
     if (!d->pickup)
         return;
     AKUFFTWindow window(d->frameSize, type, p1, p2, p3);
-    std::lock_guard<std::mutex> lock(d->pickupMutex);
-    d->pickup->updateFFTWin(window.data()->data, window.winLength());
+    std::lock_guard<std::mutex> pickupLock(d->pickupMutex);
+    d->pickup->updateFFTWin(window.data()->data, window.data()->n);
+}
+
+void AKUDoaKernel::setFocusRadius(bool on)
+{
+    d->focusRadius = on;
+    std::lock_guard<std::mutex> doaLock(d->doaMutex);
+    if (d->doaEngine)
+        d->doaEngine->setFocusRadiusMode(on);
+}
+
+bool AKUDoaKernel::focusRadius() const
+{
+    return d->focusRadius;
+}
+
+void AKUDoaKernel::setSpectrumSelf(bool on)
+{
+    d->spectrumSelf = on;
+    std::lock_guard<std::mutex> doaLock(d->doaMutex);
+    if (d->doaEngine)
+        d->doaEngine->setSpectrumSelf(on);
+}
+
+bool AKUDoaKernel::spectrumSelf() const
+{
+    return d->spectrumSelf;
+}
+
+void AKUDoaKernel::updateCordinateMat(CordinateMat m)
+{
+    std::lock_guard<std::mutex> corLock(d->cordinateMutex);
+    d->cfg.rx1 = m.rx1;
+    d->cfg.rx2 = m.rx2;
+    d->cfg.rx3 = m.rx3;
+    d->cfg.ry1 = m.ry1;
+    d->cfg.ry2 = m.ry2;
+    d->cfg.ry3 = m.ry3;
+    d->rebuildCordinate();
+}
+
+CordinateMat AKUDoaKernel::cordinateMat()
+{
+    return d->coefficients();
 }
 
 AKUDoaFreqBands* AKUDoaKernel::freqBandsManager()

@@ -2,6 +2,7 @@
 #define AKUDOA_AKUDOAKERNEL_H
 
 #include "AKUDoa/akudoacamcfg.h"
+#include "AKUDoa/akudoacordinate.h"
 #include "AKUDoa/akudoafreqbands.h"
 #include "AKUDoa/base/akufftwindow.h"
 #include "AKUDoa/base/akudoaexport.h"
@@ -51,18 +52,61 @@ public:
     // ring is written without a lock. Planar mode only.
     //
     // Note: the pickup does not listen where the heat map draws a source at
-    // the same cell. It steers toward the cell mirrored through the image
-    // centre: a source drawn at cell (i, j) is heard with the target
-    // (rows - i, cols - j) in the default rotation mode 1 (rows - 1 - i on an
-    // axis the mode leaves unflipped). readPickedUpAudioAtCell does that.
+    // the same cell. With programs 3 and 53 it steers toward the cell
+    // mirrored through the image centre: a source drawn at cell (i, j) is
+    // heard with the target (rows - i, cols - j) in the default rotation
+    // mode 1 (rows - 1 - i on an axis the mode leaves unflipped). Programs 4
+    // and 54 draw the same direction mirrored likewise and, in addition,
+    // further from the centre (1.13 times for 64 x 48 cells, 1.23 times for
+    // 16 x 12, with the default angle settings).
+    // The pickup also skips a target equal to the one it stored last (after
+    // its own rotation mapping), so alternating between a point and its
+    // mirror may leave it steered at the first. readPickedUpAudioAtCell
+    // avoids both.
     bool readPickedUpAudio(mat2d_fp32* frame, vec_fp32* audio, fpoint2d target);
     // As readPickedUpAudio, but listens where the heat map (as returned by
     // readHeatMap, after any coordinate correction) shows the cell (x = row,
-    // y = column). Measured for the V3 imaging grid.
+    // y = column): exactly for programs 3 and 53, to the nearest pickup
+    // point for the gridding programs 4 and 54.
     bool readPickedUpAudioAtCell(mat2d_fp32* frame, vec_fp32* audio, fpoint2d cell);
     // Pickup analysis window of frameSize samples (the default is Hann),
     // set under the pickup lock.
     void setFFTWindow_pickup(FFTWindowType type, float p1, float p2, float p3);
+
+    // Amplitude arriving from target (x = row, y = column of the heat map)
+    // in the last frame, in val; x and y come back as given. With correction
+    // on, the target is mapped onto the engine's raw map first.
+    fpoint2d getPaWithTarget(fpoint2d target);
+
+    // Program and engine control. Each setter may run on another thread
+    // while frames are read: engine calls happen under the engine lock, so a
+    // switch waits for a running frame and the next frame waits for the new
+    // tables. Before init, and in linear-array mode (no planar engine), the
+    // engine setters only store their fields.
+    DOAProgarm getDoaProgram();
+    // Replaces the planar engine by the program's one (tables loaded from the
+    // cache or built), rebuilds the coordinate table and installs the
+    // default Tukey(0.2) imaging window. Same program: nothing happens.
+    void setDoaProgram(DOAProgarm program);
+    // Focus distance in metres; enable selects near-field tables. Rebuilds
+    // (or loads) the steering tables of the current engine.
+    void setFocusDis(float distance, bool enable);
+    float getFocusDis();
+    bool getFocusDisEn();
+    // Imaging analysis window of frameSize samples (the default is
+    // Tukey(0.2)), set under the engine lock.
+    void setFFTWindow_doa(FFTWindowType type, float p1, float p2, float p3);
+    // Radius mode: only the central square of the image is computed.
+    void setFocusRadius(bool on);
+    bool focusRadius() const;
+    // Self-spectrum mode: keep the microphones' own power in the image
+    // (otherwise it is removed and negative powers are floored at zero).
+    void setSpectrumSelf(bool on);
+    bool spectrumSelf() const;
+
+    // Coordinate correction between the camera picture and the heat map.
+    void updateCordinateMat(CordinateMat m);
+    CordinateMat cordinateMat();
 
     // The band manager built by init (null before), for band and black-list
     // changes by the host. The kernel takes no lock for it.

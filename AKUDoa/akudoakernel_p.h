@@ -67,6 +67,15 @@ struct AKUDoaKernelPrivate {
 
     // Releases every object and buffer built by init (not the dictionary).
     void releaseObjects();
+
+    // Coordinate correction (see akudoacordinate_p.h for the arithmetic).
+    CordinateMat coefficients() const;
+    void GenerateCordinateMat();   // plain affine rule
+    void GenerateCordinateMatV4(); // affine plus radial, programs 4 and 54
+    void rebuildCordinate();       // the rule of the current program
+    void DoCodCor2D(mat2d_fp32* raw, mat2d_fp32* out) const;
+    fpoint2d DoPointCorCod2D(fpoint2d p) const;
+    fpoint2d engineTarget(fpoint2d p) const; // corrected when correction is on
 };
 
 // Read-only access to the private record, for tests.
