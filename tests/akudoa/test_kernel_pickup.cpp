@@ -329,3 +329,71 @@ TEST(PickupGriddedCell, DerivedPointHearsLikeTheLoudest)
 }
 
 } // namespace
+
+namespace {
+
+// Through the kernel alone: the heat map's peak cell, fed back to
+// readPickedUpAudioAtCell, hears that source well above another one; also
+// when the coordinate correction shifts the displayed map against the
+// engine's (by 2 rows and -1 column here) and for the gridding program.
+TEST_F(KernelTest, PickupAtTheHeatMapPeakEndToEnd)
+{
+    const int n = 1024, frames = 5, warm = 2;
+    struct Case {
+        int program, flag;
+        const char* coefficients;
+    };
+    const Case cases[] = {
+        {3, 0, ""},
+        {3, 1, "section_factor = 10\nrx1 = 20\nrx2 = 0\nrx3 = 1\nry1 = -10\nry2 = 1\nry3 = 0\n"},
+        {4, 0, ""},
+    };
+    for (const Case& cs : cases) {
+        SCOPED_TRACE("program " + std::to_string(cs.program) + " correction " + std::to_string(cs.flag));
+        AKUDoaKernel k;
+        ASSERT_TRUE(k.init(ini("[AudioRecordingParam]\nchannel_num = 64\n"
+                               "[AcousticCameraParam]\nimage_resolution_row = 16\nimage_resolution_col = 12\n"
+                               "distanceMeasure_en = false\nimage_correction_flag = " +
+                               std::to_string(cs.flag) + "\n" + cs.coefficients +
+                               "[DOA]\nextra_en = false\nDOAVersionSelect = " + std::to_string(cs.program) +
+                               "\n[QuantizeiParam]\nreadFromFile = false\nautoSave = false\n")
+                               .c_str()));
+        const StCamCfg& cfg = priv(k)->cfg;
+        const AkuSimArray array = akusim_array_from_cfg(cfg);
+        AkuSimSource a, b;
+        a.x = 0.12; a.y = -0.08; a.seed = 8;
+        b.x = -0.15; b.y = 0.1; b.seed = 9;
+        Mat fa(akusim_frame(array, {a}, 96000, n)), fb(akusim_frame(array, {b}, 96000, n));
+        Mat capA(128, n), capB(128, n);
+        toCapture(cfg, fa.m, capA.m);
+        toCapture(cfg, fb.m, capB.m);
+
+        Mat heat(16, 12);
+        Vec spectrum(n / 2 + 1);
+        ASSERT_TRUE(k.readHeatMap(capA.m, heat.m, spectrum.v, 0));
+        fpoint2d peak{0.f, 0, 0};
+        for (int i = 0; i < 16; ++i)
+            for (int j = 0; j < 12; ++j)
+                if (heat.m->data[i][j] > heat.m->data[peak.x][peak.y]) {
+                    peak.x = i;
+                    peak.y = j;
+                }
+        Vec audio(n);
+        auto listen = [&](mat2d_fp32* capture) {
+            double e = 0;
+            for (int f = 0; f < frames; ++f) {
+                EXPECT_TRUE(k.readPickedUpAudioAtCell(capture, audio.v, peak));
+                for (int i = 0; f >= warm && i < n; ++i)
+                    e += double(audio.v->data[i]) * audio.v->data[i];
+            }
+            return e;
+        };
+        const double gainDb = 10 * std::log10(listen(capA.m) / listen(capB.m));
+        RecordProperty("program" + std::to_string(cs.program) + "_correction" + std::to_string(cs.flag),
+                       "peak " + std::to_string(peak.x) + "," + std::to_string(peak.y) + " separation_db " +
+                           std::to_string(gainDb));
+        EXPECT_GE(gainDb, 10.0) << "peak " << peak.x << "," << peak.y;
+    }
+}
+
+} // namespace
