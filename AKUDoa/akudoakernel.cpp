@@ -19,6 +19,7 @@
 #include "AKUDoa/akudoaextra.h"
 #include "AKUDoa/akudoakernel_p.h"
 #include "AKUDoa/akudoapickupv4.h"
+#include "AKUDoa/akudoapickupv4_p.h"
 #include "AKUDoa/akudoaquantizeline.h"
 #include "AKUDoa/akudoaquantizev3.h"
 #include "AKUDoa/base/akufftwindow.h"
@@ -824,14 +825,23 @@ fpoint2d AKUDoaKernelPrivate::pickupTargetForCell(fpoint2d cell)
         r = std::min(std::max(static_cast<int>(std::lround(uv[0])), 0), rows - 1);
         c = std::min(std::max(static_cast<int>(std::lround(uv[1])), 0), cols - 1);
     }
-    // The engine draws the wave from direction -w at its raw pixel with
-    // steering direction w; the pickup steers at +w of its stored target.
-    // The two grids coincide, so the stored target is the cell on an axis
-    // that the rotation mode flips and its mirror rows - 1 - row otherwise.
     const int mode = cfg.rotateMode;
+    fpoint2d t = cell;
+    if (cfg.doaVersionSelect == 4 || cfg.doaVersionSelect == 54) {
+        // Gridding engine: undo its orientation step, then steer at the
+        // nearest pickup point to the direction its cell shows.
+        const int ra = (mode == 0 || mode == 2) ? rows - 1 - r : r;
+        const int ca = (mode == 0 || mode == 3) ? cols - 1 - c : c;
+        akudoa_pickup_target_for_gridded_cell(cfg, ra, ca, t.x, t.y);
+        return t;
+    }
+    // Steering-table engine: it draws the wave from direction -w at its raw
+    // pixel with steering direction w; the pickup steers at +w of its stored
+    // target. The two grids coincide, so the stored target is the cell on an
+    // axis that the rotation mode flips and its mirror rows - 1 - row
+    // otherwise.
     const bool flipRows = mode == 1 || mode == 3;
     const bool flipCols = mode == 1 || mode == 2;
-    fpoint2d t = cell;
     t.x = flipRows ? r : rows - 1 - r;
     t.y = flipCols ? c : cols - 1 - c;
     return t;

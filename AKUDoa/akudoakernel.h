@@ -52,14 +52,22 @@ public:
     // ring is written without a lock. Planar mode only.
     //
     // Note: the pickup does not listen where the heat map draws a source at
-    // the same cell. It steers toward the cell mirrored through the image
-    // centre: a source drawn at cell (i, j) is heard with the target
-    // (rows - i, cols - j) in the default rotation mode 1 (rows - 1 - i on an
-    // axis the mode leaves unflipped). readPickedUpAudioAtCell does that.
+    // the same cell. With programs 3 and 53 it steers toward the cell
+    // mirrored through the image centre: a source drawn at cell (i, j) is
+    // heard with the target (rows - i, cols - j) in the default rotation
+    // mode 1 (rows - 1 - i on an axis the mode leaves unflipped). Programs 4
+    // and 54 draw the same direction mirrored likewise and, in addition,
+    // further from the centre (1.13 times for 64 x 48 cells, 1.23 times for
+    // 16 x 12, with the default angle settings).
+    // The pickup also skips a target equal to the one it stored last (after
+    // its own rotation mapping), so alternating between a point and its
+    // mirror may leave it steered at the first. readPickedUpAudioAtCell
+    // avoids both.
     bool readPickedUpAudio(mat2d_fp32* frame, vec_fp32* audio, fpoint2d target);
     // As readPickedUpAudio, but listens where the heat map (as returned by
     // readHeatMap, after any coordinate correction) shows the cell (x = row,
-    // y = column). Measured for the V3 imaging grid.
+    // y = column): exactly for programs 3 and 53, to the nearest pickup
+    // point for the gridding programs 4 and 54.
     bool readPickedUpAudioAtCell(mat2d_fp32* frame, vec_fp32* audio, fpoint2d cell);
     // Pickup analysis window of frameSize samples (the default is Hann),
     // set under the pickup lock.

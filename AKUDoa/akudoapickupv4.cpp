@@ -1,5 +1,6 @@
 #include "AKUDoa/akudoapickupv4.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -84,6 +85,35 @@ void akudoa_pickup_delays(const float* reach, const float* micPhi, int mics, flo
         const float32x4_t c = cos_ps(vsubq_f32(p, vld1q_f32(micPhi + m)));
         vst1q_f32(delay + m, vmulq_f32(vmulq_f32(vld1q_f32(reach + m), s), c));
     }
+}
+
+void akudoa_pickup_target_for_gridded_cell(const StCamCfg& cfg, int rowA, int colA, int& row, int& col)
+{
+    const int rows = cfg.imageResolutionRow;
+    const int cols = cfg.imageResolutionCol;
+    const double xy = cfg.imageThetaXYFactor;
+    // The gridding engine's geometry: grid size G, row stride S, half H,
+    // column offset o, and the half angle alpha of its spatial-frequency axis.
+    const int g = std::max(rows, cols) + 2;
+    const int stride = g & ~1;
+    const int half = g >> 1;
+    const int off = ((stride - std::min(rows, cols)) >> 1) - 2;
+    const float t4 = static_cast<float>(0.7071067811865476 / tanf(static_cast<float>((cfg.eangleDomain + 1) * kPi / 180.0)));
+    const double alpha = atan2f(0.5f * cfg.micMaxRadius + 0.5f, t4);
+    const double step = 2.0 * std::sin(alpha) / g;
+    auto signedIndex = [&](int k) { return k < stride / 2 ? k : k - stride; };
+    const int p = signedIndex((half + rowA + 1) % stride);
+    const int q = signedIndex((half + off + 2 + colA) % stride);
+    const double sx = p * step;
+    const double sy = q * step / xy;
+    // Invert the pickup's steering: direction sines (v, u) / sqrt(rho^2 + t^2).
+    const double t = 0.70710677 / std::tan(cfg.eangleDomain * kPi / 180.0);
+    const double sigma2 = std::min(sx * sx + sy * sy, 0.999);
+    const double scale = t / std::sqrt(1.0 - sigma2);
+    const double v = sx * scale;
+    const double u = sy * scale;
+    row = static_cast<int>(std::lround(v * rows + rows * 0.5 - 0.5));
+    col = static_cast<int>(std::lround(u * xy * rows + cols * 0.5 - 0.5));
 }
 
 AKUDoaPickupV4Private::~AKUDoaPickupV4Private()

@@ -64,4 +64,13 @@ void akudoa_pickup_fir_sum_ref(float* const* hist, float* const* taps, int mics,
 // cosine, four microphones at a time (M a multiple of four).
 void akudoa_pickup_delays(const float* reach, const float* micPhi, int mics, float sinTheta, float phi, float* delay);
 
+// Pickup steering point (stored coordinates, for steerTo) nearest to the
+// direction that the gridding engine of programs 4 and 54 draws at its
+// accumulator cell (rowA, colA), before that engine's orientation step.
+// That engine's cell k of an axis shows the direction sine
+// k' * 2 sin(alpha) / G (k' the signed spatial-frequency index of the cell,
+// columns further divided by the angle scale factor); the pickup's grid is
+// finer near the centre, so the two differ by a scale, not by a mirror.
+void akudoa_pickup_target_for_gridded_cell(const StCamCfg& cfg, int rowA, int colA, int& row, int& col);
+
 #endif

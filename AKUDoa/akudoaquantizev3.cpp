@@ -474,7 +474,8 @@ void akudoa_planar_finish(AKUDoaQuantizeV3Private* d, bool self, mat2d_fp32* hea
 
     // 0: as is; 1: half turn (the default); 2: left-right mirror; 3: up-down
     // mirror; any other mode leaves the caller's map as it was. Cells that
-    // fall outside a map of another size are skipped.
+    // fall outside a map of another size are skipped. Without a map the
+    // per-bin powers stay available to the target analysis.
     const int mode = d->cfg->rotateMode;
     if (!heatMap || mode < 0 || mode > 3)
         return;

@@ -15,6 +15,7 @@
 #include "AKUDoa/akudoapickupv4.h"
 #include "AKUDoa/akudoapickupv4_p.h"
 #include "AKUDoa/akudoaquantizev3.h"
+#include "AKUDoa/akudoaquantizev4.h"
 #include "AKUDoa/base/akufftwindow.h"
 #include "kernel_fixture.h"
 #include "support/akudoasim.h"
@@ -129,7 +130,7 @@ struct Scene {
 };
 
 // Peak cell of the imaging engine's heat map of one frame (array order).
-std::pair<int, int> engineCell(AKUDoaQuantizeV3& engine, StCamCfg& cfg, AKUDoaFreqBands& bands, mat2d_fp32* frame)
+std::pair<int, int> engineCell(IAKUDoaQuantize& engine, StCamCfg& cfg, AKUDoaFreqBands& bands, mat2d_fp32* frame)
 {
     Mat map(cfg.imageResolutionRow, cfg.imageResolutionCol);
     engine.executeDOA(frame, bands, map.m);
@@ -151,20 +152,28 @@ void toCapture(const StCamCfg& cfg, mat2d_fp32* arrayFrame, mat2d_fp32* capture)
 TEST_F(KernelTest, PickupAtHeatMapCellFavoursThatSource)
 {
     const int n = 1024, rows = 16, cols = 12, frames = 6, warm = 2;
-    for (int mode : {1, 0}) {
+    // Steering-table program 3 and gridding program 4, half-turn mode 0 and
+    // the default mode 1.
+    for (auto [program, mode] : {std::pair<int, int>{3, 1}, {3, 0}, {4, 1}, {4, 0}}) {
+        SCOPED_TRACE("program " + std::to_string(program) + " mode " + std::to_string(mode));
         AKUDoaKernel k;
         ASSERT_TRUE(k.init(ini("[AudioRecordingParam]\nchannel_num = 64\n"
                                "[AcousticCameraParam]\nimage_resolution_row = 16\nimage_resolution_col = 12\n"
                                "distanceMeasure_en = false\nimage_correction_flag = 0\nrotate_mode = " +
-                               std::to_string(mode) +
-                               "\n[DOA]\nextra_en = false\n"
-                               "[QuantizeiParam]\nreadFromFile = false\nautoSave = false\n")
+                               std::to_string(mode) + "\n[DOA]\nextra_en = false\nDOAVersionSelect = " +
+                               std::to_string(program) +
+                               "\n[QuantizeiParam]\nreadFromFile = false\nautoSave = false\n")
                                .c_str()));
         AKUDoaKernelPrivate* p = priv(k);
         // The imaging engine on the kernel's configuration shows where the
         // sources appear.
         StCamCfg ecfg = p->cfg;
-        AKUDoaQuantizeV3 engine;
+        std::unique_ptr<IAKUDoaQuantize> engineOwner;
+        if (program == 4)
+            engineOwner.reset(new AKUDoaQuantizeV4());
+        else
+            engineOwner.reset(new AKUDoaQuantizeV3());
+        IAKUDoaQuantize& engine = *engineOwner;
         engine.doaInit(&ecfg);
         AKUFFTWindow tukey(n, FFT_WINDOW_TUKEY, 0.f, 0.f, 0.2f);
         engine.updateFFTWin(tukey.data()->data, n);
@@ -214,6 +223,12 @@ TEST_F(KernelTest, PickupAtHeatMapCellFavoursThatSource)
         ASSERT_TRUE(k.readPickedUpAudio(capA.m, audio.v, fpoint2d{0.f, -1, -1}));
         const double naive = listen(capA.m, false, at);
         EXPECT_LT(naive, own * 0.5) << "mode " << mode;
+        if (program == 4) {
+            RecordProperty("program4_mode" + std::to_string(mode),
+                           "cell " + std::to_string(cellA.first) + "," + std::to_string(cellA.second) +
+                               " separation_db " + std::to_string(gainDb));
+            continue;
+        }
         RecordProperty("mode" + std::to_string(mode), "cell " + std::to_string(cellA.first) + "," +
                                                           std::to_string(cellA.second) + " separation_db " +
                                                           std::to_string(gainDb) + " same_cell_plain_call_db " +
@@ -228,6 +243,156 @@ TEST_F(KernelTest, PickupAtHeatMapCellFavoursThatSource)
         ASSERT_TRUE(k.readPickedUpAudio(capA.m, audio.v, mirrored));
         viaTarget.assign(audio.v->data, audio.v->data + n);
         EXPECT_EQ(viaCell, viaTarget) << "mode " << mode;
+    }
+}
+
+} // namespace
+
+namespace {
+
+// Where the gridding program draws a source against where the pickup hears
+// it best (a full sweep of pickup points). Its cells are 1.23 pickup cells
+// wide at these settings, so the drawn cell fixes the direction to within
+// about half a pickup cell: the derived point is the loudest or its
+// neighbour, and loses at most 3 dB against the loudest.
+TEST(PickupGriddedCell, DerivedPointHearsLikeTheLoudest)
+{
+    const int n = 1024;
+    StCamCfg cfg;
+    std::memset(&cfg, 0, sizeof cfg);
+    cfg.doaVersionSelect = 4;
+    cfg.sampleFrequency = 96000;
+    cfg.channelNum = 64;
+    cfg.imageResolutionRow = 16;
+    cfg.imageResolutionCol = 12;
+    cfg.sectionFactor = 10;
+    cfg.frameSize = n;
+    cfg.imageThetaXYFactor = 1.3f;
+    cfg.eangleDomain = 43;
+    cfg.micMaxRadius = 0.11f;
+    cfg.rotateMode = 1; // the gridding engine's identity orientation
+    ASSERT_TRUE(akusim_fill_layout(cfg, 64));
+    for (float& g : cfg.micSensitivity)
+        g = 1.f;
+    AKUDoaQuantizeV4 engine;
+    engine.doaInit(&cfg);
+    AKUFFTWindow tukey(n, FFT_WINDOW_TUKEY, 0.f, 0.f, 0.2f);
+    engine.updateFFTWin(tukey.data()->data, n);
+    AKUDoaFreqBands bands(n, 96000);
+    bands.updateBands({{20000, 40000, 1}});
+    AKUFFTWindow hann(n, FFT_WINDOW_HANN, 0.f, 0.f, 1.f);
+    const AkuSimArray array = akusim_array_from_cfg(cfg);
+    Vec out(n);
+    for (auto [x, y] : {std::pair<double, double>{0.22, -0.12}, {0.05, 0.25}, {-0.25, -0.05}}) {
+        AkuSimSource s;
+        s.x = x;
+        s.y = y;
+        Mat frame(akusim_frame(array, {s}, 96000, n));
+        const std::pair<int, int> cell = engineCell(engine, cfg, bands, frame.m);
+        int pr = -1, pc = -1;
+        akudoa_pickup_target_for_gridded_cell(cfg, cell.first, cell.second, pr, pc);
+        double best = -1, derived = -1;
+        std::pair<int, int> loudest{-1, -1};
+        for (int r = 0; r <= 16; ++r)
+            for (int c = 0; c <= 12; ++c) {
+                AKUDoaPickupV4 p;
+                p.initPickup(&cfg);
+                p.updateFFTWin(hann.data()->data, n);
+                p.steerTo(r, c);
+                double e = 0;
+                for (int f = 0; f < 3; ++f) {
+                    p.executePickup(frame.m, bands, out.v);
+                    for (int i = 0; f == 2 && i < n; ++i)
+                        e += double(out.v->data[i]) * out.v->data[i];
+                }
+                if (e > best) {
+                    best = e;
+                    loudest = {r, c};
+                }
+                if (r == pr && c == pc)
+                    derived = e;
+            }
+        SCOPED_TRACE("source " + std::to_string(x) + "," + std::to_string(y) + " drawn at " +
+                     std::to_string(cell.first) + "," + std::to_string(cell.second) + ", derived " +
+                     std::to_string(pr) + "," + std::to_string(pc) + ", loudest " + std::to_string(loudest.first) +
+                     "," + std::to_string(loudest.second) + ", loss " +
+                     std::to_string(10 * std::log10(best / derived)) + " dB");
+        EXPECT_LE(std::abs(pr - loudest.first), 1);
+        EXPECT_LE(std::abs(pc - loudest.second), 1);
+        EXPECT_LE(10 * std::log10(best / derived), 3.0);
+        RecordProperty("source_" + std::to_string(x) + "_" + std::to_string(y),
+                       "drawn " + std::to_string(cell.first) + "," + std::to_string(cell.second) + " derived " +
+                           std::to_string(pr) + "," + std::to_string(pc) + " loudest " +
+                           std::to_string(loudest.first) + "," + std::to_string(loudest.second) + " loss_db " +
+                           std::to_string(10 * std::log10(best / derived)));
+    }
+}
+
+} // namespace
+
+namespace {
+
+// Through the kernel alone: the heat map's peak cell, fed back to
+// readPickedUpAudioAtCell, hears that source well above another one; also
+// when the coordinate correction shifts the displayed map against the
+// engine's (by 2 rows and -1 column here) and for the gridding program.
+TEST_F(KernelTest, PickupAtTheHeatMapPeakEndToEnd)
+{
+    const int n = 1024, frames = 5, warm = 2;
+    struct Case {
+        int program, flag;
+        const char* coefficients;
+    };
+    const Case cases[] = {
+        {3, 0, ""},
+        {3, 1, "section_factor = 10\nrx1 = 20\nrx2 = 0\nrx3 = 1\nry1 = -10\nry2 = 1\nry3 = 0\n"},
+        {4, 0, ""},
+    };
+    for (const Case& cs : cases) {
+        SCOPED_TRACE("program " + std::to_string(cs.program) + " correction " + std::to_string(cs.flag));
+        AKUDoaKernel k;
+        ASSERT_TRUE(k.init(ini("[AudioRecordingParam]\nchannel_num = 64\n"
+                               "[AcousticCameraParam]\nimage_resolution_row = 16\nimage_resolution_col = 12\n"
+                               "distanceMeasure_en = false\nimage_correction_flag = " +
+                               std::to_string(cs.flag) + "\n" + cs.coefficients +
+                               "[DOA]\nextra_en = false\nDOAVersionSelect = " + std::to_string(cs.program) +
+                               "\n[QuantizeiParam]\nreadFromFile = false\nautoSave = false\n")
+                               .c_str()));
+        const StCamCfg& cfg = priv(k)->cfg;
+        const AkuSimArray array = akusim_array_from_cfg(cfg);
+        AkuSimSource a, b;
+        a.x = 0.12; a.y = -0.08; a.seed = 8;
+        b.x = -0.15; b.y = 0.1; b.seed = 9;
+        Mat fa(akusim_frame(array, {a}, 96000, n)), fb(akusim_frame(array, {b}, 96000, n));
+        Mat capA(128, n), capB(128, n);
+        toCapture(cfg, fa.m, capA.m);
+        toCapture(cfg, fb.m, capB.m);
+
+        Mat heat(16, 12);
+        Vec spectrum(n / 2 + 1);
+        ASSERT_TRUE(k.readHeatMap(capA.m, heat.m, spectrum.v, 0));
+        fpoint2d peak{0.f, 0, 0};
+        for (int i = 0; i < 16; ++i)
+            for (int j = 0; j < 12; ++j)
+                if (heat.m->data[i][j] > heat.m->data[peak.x][peak.y]) {
+                    peak.x = i;
+                    peak.y = j;
+                }
+        Vec audio(n);
+        auto listen = [&](mat2d_fp32* capture) {
+            double e = 0;
+            for (int f = 0; f < frames; ++f) {
+                EXPECT_TRUE(k.readPickedUpAudioAtCell(capture, audio.v, peak));
+                for (int i = 0; f >= warm && i < n; ++i)
+                    e += double(audio.v->data[i]) * audio.v->data[i];
+            }
+            return e;
+        };
+        const double gainDb = 10 * std::log10(listen(capA.m) / listen(capB.m));
+        RecordProperty("program" + std::to_string(cs.program) + "_correction" + std::to_string(cs.flag),
+                       "peak " + std::to_string(peak.x) + "," + std::to_string(peak.y) + " separation_db " +
+                           std::to_string(gainDb));
+        EXPECT_GE(gainDb, 10.0) << "peak " << peak.x << "," << peak.y;
     }
 }
 

@@ -55,6 +55,17 @@ TEST(ToolPickup, CellCarriesItsOwnSource)
     EXPECT_GE(db(outA), 10.0) << a.out;
     EXPECT_LE(db(outB), -10.0);
 
+    // Following the peak: with source b 6 dB weaker the peak stays on a.
+    writeText(joinPath(dir, "scene2.ini"), "[scene]\nduration = 0.08\nmic_noise_db = -80\n"
+                                           "[source a]\npixel = 4 3\nsignal = tone\nfrequency = 25000\n"
+                                           "[source b]\npixel = 11 8\nsignal = tone\nfrequency = 33000\n"
+                                           "level_db = -26\n");
+    ASSERT_EQ(akudoa(dir, "simulate --config cam.ini --scene scene2.ini --out rec2.wav").status, 0);
+    ToolRun p = akudoa(dir, "pickup --config cam.ini --in rec2.wav --out p.wav --peak");
+    ASSERT_EQ(p.status, 0) << p.out;
+    const std::vector<float> outP = readMono(joinPath(dir, "p.wav"), 0, rate);
+    EXPECT_GE(db(outP), 6.0 + 10.0) << p.out;
+
     // Exactly one target; cells inside the map.
     EXPECT_EQ(akudoa(dir, "pickup --config cam.ini --in rec.wav --out c.wav").status, 2);
     EXPECT_EQ(akudoa(dir, "pickup --config cam.ini --in rec.wav --out c.wav --cell 1,1 --peak").status, 2);
