@@ -21,6 +21,7 @@
 #include "AKUDoa/akudoapickupv4_p.h"
 #include "AKUDoa/akudoaquantizeline.h"
 #include "AKUDoa/akudoaquantizev3.h"
+#include "AKUDoa/akudoaquantizev4.h"
 #include "AKUDoa/base/akufftwindow.h"
 #include "AKUDoa/base/akudoalogging.h"
 
@@ -94,7 +95,8 @@ void ringLayout(int n, float r, int32_t* index, float* phi, float* radius)
 // programs images with V3.
 IAKUDoaQuantize* newPlanarEngine(int doaVersionSelect)
 {
-    (void)doaVersionSelect;
+    if (doaVersionSelect == 4 || doaVersionSelect == 54)
+        return new AKUDoaQuantizeV4;
     return new AKUDoaQuantizeV3;
 }
 
@@ -766,15 +768,21 @@ void AKUDoaKernel::setFocusDis(float distance, bool enable)
     // Only the engine class that the stored program names is rebuilt; any
     // other engine (or none) is left alone.
     AKUDoaQuantizeV3* v3 = nullptr;
+    AKUDoaQuantizeV4* v4 = nullptr;
     const int select = d->cfg.doaVersionSelect;
     if (select == 3 || select == 53)
         v3 = dynamic_cast<AKUDoaQuantizeV3*>(d->doaEngine);
-    if (!v3)
+    else
+        v4 = dynamic_cast<AKUDoaQuantizeV4*>(d->doaEngine);
+    if (!v3 && !v4)
         return;
     timespec t0{};
     timespec t1{};
     clock_gettime(CLOCK_MONOTONIC, &t0);
-    v3->focusDisUpdate();
+    if (v3)
+        v3->focusDisUpdate();
+    else
+        v4->focusDisUpdate();
     clock_gettime(CLOCK_MONOTONIC, &t1);
     AKUDOA_LOG() << "doakernel setFocusDis: TargetDistance =" << distance << (enable ? "ENABLE" : "DISABLE")
                  << " use time(ms)" << static_cast<long>(elapsedMs(t0, t1));

@@ -462,6 +462,8 @@ void AKUDoaQuantizeV3::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
         h[p] = std::sqrt(x) * invN;
     }
 
+    if (!heatMap)
+        return; // the per-bin powers stay available to the target analysis
     switch (d->cfg->rotateMode) {
     case 0:
         for (int r = 0; r < NR; ++r)
