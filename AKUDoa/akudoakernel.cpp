@@ -857,7 +857,7 @@ fpoint2d AKUDoaKernelPrivate::pickupTargetForCell(fpoint2d cell)
 
 bool AKUDoaKernel::readPickedUpAudioAtCell(mat2d_fp32* frame, vec_fp32* audio, fpoint2d cell)
 {
-    if (!frame || d->cfg.initFlag != 1 || !d->pickup)
+    if (!frame || !audio || d->cfg.initFlag != 1 || !d->pickup)
         return false;
     d->pushPickUpAudioFrame(frame);
     const fpoint2d target = d->pickupTargetForCell(cell);
