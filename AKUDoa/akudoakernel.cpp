@@ -16,11 +16,13 @@
 
 #include "AKUDoa/akudoacordinate_p.h"
 #include "AKUDoa/akudoadistance.h"
+#include "AKUDoa/akudoaextra.h"
 #include "AKUDoa/akudoakernel_p.h"
 #include "AKUDoa/akudoapickupv4.h"
 #include "AKUDoa/akudoapickupv4_p.h"
 #include "AKUDoa/akudoaquantizeline.h"
 #include "AKUDoa/akudoaquantizev3.h"
+#include "AKUDoa/akudoaquantizev4.h"
 #include "AKUDoa/base/akufftwindow.h"
 #include "AKUDoa/base/akudoalogging.h"
 
@@ -94,7 +96,8 @@ void ringLayout(int n, float r, int32_t* index, float* phi, float* radius)
 // programs images with V3.
 IAKUDoaQuantize* newPlanarEngine(int doaVersionSelect)
 {
-    (void)doaVersionSelect;
+    if (doaVersionSelect == 4 || doaVersionSelect == 54)
+        return new AKUDoaQuantizeV4;
     return new AKUDoaQuantizeV3;
 }
 
@@ -237,11 +240,12 @@ void AKUDoaKernelPrivate::releaseObjects()
     doaEngine = nullptr;
     delete distance;
     distance = nullptr;
+    delete extra;
+    extra = nullptr;
     for (AKUDoaQuantizeLine*& line : lineEngine) {
         delete line;
         line = nullptr;
     }
-    // The extended-view engine is released here once its class exists.
     delete freqBands;
     freqBands = nullptr;
     destroy_mat2d_fp32(doaFrame);
@@ -527,8 +531,10 @@ bool AKUDoaKernel::init(const char* path)
     } else {
         d->doaEngine = newPlanarEngine(c.doaVersionSelect);
         d->doaEngine->doaInit(&c);
-        // With extraEn the extended-view engine is created and initialised
-        // here once its class exists.
+        if (c.extraEn) {
+            d->extra = new AKUDoaExtra;
+            d->extra->doaInit(&c);
+        }
 
         d->freqBands = new AKUDoaFreqBands(d->frameSize, d->sampleRate);
         d->freqBands->updateBands({band});
@@ -656,10 +662,17 @@ bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, fpoint2d 
 
 bool AKUDoaKernel::readHeatMapExtra(mat2d_fp32* frame, mat2d_fp32* heatMap)
 {
-    (void)heatMap;
     if (!frame || d->cfg.initFlag != 1 || !d->cfg.extraEn || !d->extra)
         return false;
-    return false;
+    // No kernel lock: the extended view has its own frame and engine, which
+    // a program switch never replaces (it swaps only the planar engine), and
+    // freqBands is handed on but not read. The one setter that reaches this
+    // engine, setFFTWindow_doa, goes through updateFFTWin, which the engine
+    // serialises against executeDOA itself. Frames must come from one
+    // thread, as for the other readouts.
+    d->pushExtraAudioFrame(frame);
+    d->extra->executeDOA(d->extraFrame, *d->freqBands, heatMap);
+    return true;
 }
 
 bool AKUDoaKernel::readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2d_fp32* heatMap1)
@@ -766,15 +779,21 @@ void AKUDoaKernel::setFocusDis(float distance, bool enable)
     // Only the engine class that the stored program names is rebuilt; any
     // other engine (or none) is left alone.
     AKUDoaQuantizeV3* v3 = nullptr;
+    AKUDoaQuantizeV4* v4 = nullptr;
     const int select = d->cfg.doaVersionSelect;
     if (select == 3 || select == 53)
         v3 = dynamic_cast<AKUDoaQuantizeV3*>(d->doaEngine);
-    if (!v3)
+    else
+        v4 = dynamic_cast<AKUDoaQuantizeV4*>(d->doaEngine);
+    if (!v3 && !v4)
         return;
     timespec t0{};
     timespec t1{};
     clock_gettime(CLOCK_MONOTONIC, &t0);
-    v3->focusDisUpdate();
+    if (v3)
+        v3->focusDisUpdate();
+    else
+        v4->focusDisUpdate();
     clock_gettime(CLOCK_MONOTONIC, &t1);
     AKUDOA_LOG() << "doakernel setFocusDis: TargetDistance =" << distance << (enable ? "ENABLE" : "DISABLE")
                  << " use time(ms)" << static_cast<long>(elapsedMs(t0, t1));
@@ -797,7 +816,8 @@ void AKUDoaKernel::setFFTWindow_doa(FFTWindowType type, float p1, float p2, floa
     AKUFFTWindow window(d->frameSize, type, p1, p2, p3);
     std::lock_guard<std::mutex> doaLock(d->doaMutex);
     d->doaEngine->updateFFTWin(window.data()->data, window.data()->n);
-    // The extended-view engine takes the same window once it exists.
+    if (d->cfg.extraEn && d->extra)
+        d->extra->updateFFTWin(window.data()->data, window.data()->n);
 }
 
 fpoint2d AKUDoaKernelPrivate::pickupTargetForCell(fpoint2d cell)
@@ -837,7 +857,7 @@ fpoint2d AKUDoaKernelPrivate::pickupTargetForCell(fpoint2d cell)
 
 bool AKUDoaKernel::readPickedUpAudioAtCell(mat2d_fp32* frame, vec_fp32* audio, fpoint2d cell)
 {
-    if (!frame || d->cfg.initFlag != 1 || !d->pickup)
+    if (!frame || !audio || d->cfg.initFlag != 1 || !d->pickup)
         return false;
     d->pushPickUpAudioFrame(frame);
     const fpoint2d target = d->pickupTargetForCell(cell);
