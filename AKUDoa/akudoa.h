@@ -25,5 +25,6 @@
 #include "AKUDoa/iakudoaquantize.h"
 #include "AKUDoa/akudoaquantizev3.h"
 #include "AKUDoa/akudoaquantizeparam.h"
+#include "AKUDoa/akudoaextra.h"
 
 #endif

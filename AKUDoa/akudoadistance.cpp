@@ -30,10 +30,10 @@ inline float laneSum(float32x4_t v)
 }
 
 // Beam sum of one candidate: delays holds the M table phases of the
-// candidate, spec one engine spectrum row [re, -im, im, re]. The weight of
+// candidate, bins one engine spectrum row [re, -im, im, re]. The weight of
 // microphone m is the mean of the phasors at t*f1 and t*f2 (t its table
 // phase); withSine = false drops the imaginary weight.
-inline void beamCandidate(const float* delays, const float* spec, int M, float f1, float f2,
+inline void beamCandidate(const float* delays, const float* bins, int M, float f1, float f2,
                           bool withSine, float& re, float& im)
 {
     const float32x4_t half = vdupq_n_f32(0.5f);
@@ -45,14 +45,14 @@ inline void beamCandidate(const float* delays, const float* spec, int M, float f
         sincos_ps(vmulq_n_f32(t, f1), &s1, &c1);
         sincos_ps(vmulq_n_f32(t, f2), &s2, &c2);
         const float32x4_t wr = vmulq_f32(half, vaddq_f32(c1, c2));
-        const float32x4_t xRe = vld1q_f32(spec + m);
-        const float32x4_t xIm = vld1q_f32(spec + 2 * M + m);
+        const float32x4_t xRe = vld1q_f32(bins + m);
+        const float32x4_t xIm = vld1q_f32(bins + 2 * M + m);
         accRe = vmlaq_f32(accRe, wr, xRe);
         accIm = vmlaq_f32(accIm, wr, xIm);
         if (withSine) {
             const float32x4_t wi = vmulq_f32(half, vaddq_f32(s1, s2));
-            accRe = vmlaq_f32(accRe, wi, vld1q_f32(spec + M + m));     // -im
-            accIm = vmlaq_f32(accIm, wi, vld1q_f32(spec + 3 * M + m)); // re
+            accRe = vmlaq_f32(accRe, wi, vld1q_f32(bins + M + m));     // -im
+            accIm = vmlaq_f32(accIm, wi, vld1q_f32(bins + 3 * M + m)); // re
         }
     }
     re = laneSum(accRe);
@@ -278,13 +278,13 @@ void AKUDoaDistance::matRowDotFp32L1(mat2d_fp32* spectra, int pixel, int row)
     const int M = p->micNum;
     float* out = p->coarseResult->data[row];
     std::memset(out, 0, sizeof(float) * 2 * static_cast<size_t>(C));
-    const float* spec = spectra->data[row];
+    const float* bins = spectra->data[row];
     const float* delays = p->delayTable->data[pixel];
     const int P = p->freqAverage ? 2 * row : row;
     const float f1 = static_cast<float>(P - 1);
     const float f2 = static_cast<float>(P);
     for (int i = kCoarseFirst; i < C; i += kCoarseStep)
-        beamCandidate(delays + static_cast<size_t>(i) * M, spec, M, f1, f2, true, out[i], out[C + i]);
+        beamCandidate(delays + static_cast<size_t>(i) * M, bins, M, f1, f2, true, out[i], out[C + i]);
 }
 
 void AKUDoaDistance::matRowDotFp32L2(mat2d_fp32* spectra, int pixel, int row, int first, int last)
@@ -294,7 +294,7 @@ void AKUDoaDistance::matRowDotFp32L2(mat2d_fp32* spectra, int pixel, int row, in
     const int M = p->micNum;
     float* out = p->fineResult->data[row];
     std::memset(out, 0, sizeof(float) * 2 * static_cast<size_t>(C));
-    const float* spec = spectra->data[row];
+    const float* bins = spectra->data[row];
     const float* delays = p->delayTable->data[pixel];
     const bool averaged = p->freqAverage != 0;
     const int P = averaged ? 2 * row : row;
@@ -304,5 +304,5 @@ void AKUDoaDistance::matRowDotFp32L2(mat2d_fp32* spectra, int pixel, int row, in
     last = std::min(last, C);
     // The averaged fine pass steers with the cosine weights alone.
     for (int i = first; i < last; ++i)
-        beamCandidate(delays + static_cast<size_t>(i) * M, spec, M, f1, f2, !averaged, out[i], out[C + i]);
+        beamCandidate(delays + static_cast<size_t>(i) * M, bins, M, f1, f2, !averaged, out[i], out[C + i]);
 }

@@ -16,6 +16,7 @@
 
 #include "AKUDoa/akudoacordinate_p.h"
 #include "AKUDoa/akudoadistance.h"
+#include "AKUDoa/akudoaextra.h"
 #include "AKUDoa/akudoakernel_p.h"
 #include "AKUDoa/akudoapickupv4.h"
 #include "AKUDoa/akudoapickupv4_p.h"
@@ -239,11 +240,12 @@ void AKUDoaKernelPrivate::releaseObjects()
     doaEngine = nullptr;
     delete distance;
     distance = nullptr;
+    delete extra;
+    extra = nullptr;
     for (AKUDoaQuantizeLine*& line : lineEngine) {
         delete line;
         line = nullptr;
     }
-    // The extended-view engine is released here once its class exists.
     delete freqBands;
     freqBands = nullptr;
     destroy_mat2d_fp32(doaFrame);
@@ -529,8 +531,10 @@ bool AKUDoaKernel::init(const char* path)
     } else {
         d->doaEngine = newPlanarEngine(c.doaVersionSelect);
         d->doaEngine->doaInit(&c);
-        // With extraEn the extended-view engine is created and initialised
-        // here once its class exists.
+        if (c.extraEn) {
+            d->extra = new AKUDoaExtra;
+            d->extra->doaInit(&c);
+        }
 
         d->freqBands = new AKUDoaFreqBands(d->frameSize, d->sampleRate);
         d->freqBands->updateBands({band});
@@ -658,10 +662,17 @@ bool AKUDoaKernel::readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, fpoint2d 
 
 bool AKUDoaKernel::readHeatMapExtra(mat2d_fp32* frame, mat2d_fp32* heatMap)
 {
-    (void)heatMap;
     if (!frame || d->cfg.initFlag != 1 || !d->cfg.extraEn || !d->extra)
         return false;
-    return false;
+    // No kernel lock: the extended view has its own frame and engine, which
+    // a program switch never replaces (it swaps only the planar engine), and
+    // freqBands is handed on but not read. The one setter that reaches this
+    // engine, setFFTWindow_doa, goes through updateFFTWin, which the engine
+    // serialises against executeDOA itself. Frames must come from one
+    // thread, as for the other readouts.
+    d->pushExtraAudioFrame(frame);
+    d->extra->executeDOA(d->extraFrame, *d->freqBands, heatMap);
+    return true;
 }
 
 bool AKUDoaKernel::readLineHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap0, mat2d_fp32* heatMap1)
@@ -805,7 +816,8 @@ void AKUDoaKernel::setFFTWindow_doa(FFTWindowType type, float p1, float p2, floa
     AKUFFTWindow window(d->frameSize, type, p1, p2, p3);
     std::lock_guard<std::mutex> doaLock(d->doaMutex);
     d->doaEngine->updateFFTWin(window.data()->data, window.data()->n);
-    // The extended-view engine takes the same window once it exists.
+    if (d->cfg.extraEn && d->extra)
+        d->extra->updateFFTWin(window.data()->data, window.data()->n);
 }
 
 fpoint2d AKUDoaKernelPrivate::pickupTargetForCell(fpoint2d cell)
@@ -845,7 +857,7 @@ fpoint2d AKUDoaKernelPrivate::pickupTargetForCell(fpoint2d cell)
 
 bool AKUDoaKernel::readPickedUpAudioAtCell(mat2d_fp32* frame, vec_fp32* audio, fpoint2d cell)
 {
-    if (!frame || d->cfg.initFlag != 1 || !d->pickup)
+    if (!frame || !audio || d->cfg.initFlag != 1 || !d->pickup)
         return false;
     d->pushPickUpAudioFrame(frame);
     const fpoint2d target = d->pickupTargetForCell(cell);

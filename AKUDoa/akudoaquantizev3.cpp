@@ -87,7 +87,7 @@ AKUDoaQuantizeV3::AKUDoaQuantizeV3()
 {
 }
 
-AKUDoaQuantizeV3::~AKUDoaQuantizeV3()
+void akudoa_planar_release(AKUDoaQuantizeV3Private* d)
 {
     if (d->fftPlans) {
         for (int m = 0; m < d->micNum; ++m)
@@ -113,20 +113,27 @@ AKUDoaQuantizeV3::~AKUDoaQuantizeV3()
     destory_mat2d_fftwfcplx(d->specBuf);
     destroy_mat2d_fp32(d->gprBins);
     delete d->cluster;
+    d->fftPlans = nullptr;
+    d->steerScale = d->fftScale = d->binWork = d->dequantFactor = nullptr;
+    d->steerQuant = d->fftQuant = nullptr;
+    d->beamComplex = d->beamPower = d->fftData = d->timeBuf = d->gprBins = nullptr;
+    d->gprImage = nullptr;
+    d->beamInt = nullptr;
+    d->binWork2 = d->heatSum = d->fftWindow = nullptr;
+    d->specBuf = nullptr;
+    d->cluster = nullptr;
+}
+
+AKUDoaQuantizeV3::~AKUDoaQuantizeV3()
+{
+    akudoa_planar_release(d);
     delete d;
 }
 
-void AKUDoaQuantizeV3::doaInit(StCamCfg* cfg)
+void akudoa_planar_create(AKUDoaQuantizeV3Private* d, bool regression)
 {
-    d->cfg = cfg;
-    d->imageRows = cfg->imageResolutionRow;
-    d->imageCols = cfg->imageResolutionCol;
-    d->micNum = cfg->channelNum;
-    d->sampleRate = cfg->sampleFrequency;
-    d->frameSize = cfg->frameSize;
     const int N = d->frameSize;
-    const int B = cfg->freqAverage ? (N >> 2) + 1 : (N >> 1) + 1;
-    d->binNum = B;
+    const int B = d->binNum;
     const int M = d->micNum;
     const int P = d->imageRows * d->imageCols;
 
@@ -147,7 +154,7 @@ void AKUDoaQuantizeV3::doaInit(StCamCfg* cfg)
     d->fftPlans = static_cast<fftwf_plan*>(std::calloc(static_cast<size_t>(M), sizeof(fftwf_plan)));
     d->timeBuf = create_mat2d_fp32(M, N);
     d->specBuf = create_mat2d_fftwfcplx(M, N);
-    if (usesRegression(cfg))
+    if (regression)
         d->gprBins = create_mat2d_fp32(B, P);
 
     // FFTW's planner is not thread safe: plans are made here, on the
@@ -159,6 +166,20 @@ void AKUDoaQuantizeV3::doaInit(StCamCfg* cfg)
 
     d->cluster = new AKUCluster;
     d->dot8 = akudoa_dot8_select();
+}
+
+void AKUDoaQuantizeV3::doaInit(StCamCfg* cfg)
+{
+    d->cfg = cfg;
+    d->imageRows = cfg->imageResolutionRow;
+    d->imageCols = cfg->imageResolutionCol;
+    d->micNum = cfg->channelNum;
+    d->sampleRate = cfg->sampleFrequency;
+    d->frameSize = cfg->frameSize;
+    const int N = d->frameSize;
+    const int B = cfg->freqAverage ? (N >> 2) + 1 : (N >> 1) + 1;
+    d->binNum = B;
+    akudoa_planar_create(d, usesRegression(cfg));
 
     focusDisUpdate();
 
@@ -187,6 +208,11 @@ bool AKUDoaQuantizeV3::focusDisUpdate()
 
 float AKUDoaQuantizeV3::posDistance(float x1, float y1, float z1, float x2, float y2, float z2)
 {
+    return akudoa_pos_distance(x1, y1, z1, x2, y2, z2);
+}
+
+float akudoa_pos_distance(float x1, float y1, float z1, float x2, float y2, float z2)
+{
     const float dx = x1 - x2;
     const float dy = y1 - y2;
     const float dz = z1 - z2;
@@ -199,12 +225,12 @@ float AKUDoaQuantizeV3::posDistance(float x1, float y1, float z1, float x2, floa
 // in parallel, each thread with one float row of its own. The bytes equal
 // those of quantizing the whole float table at once (scale and rounding are
 // per row), without ever holding it (1.6 GB at the defaults).
-static void buildSteeringTable(AKUDoaQuantizeV3Private* d, const std::vector<float>& dist, bool nearField, float k)
+void akudoa_planar_build_steering(AKUDoaQuantizeV3Private* d, const std::vector<float>& dist, bool nearField,
+                                  float k, bool average)
 {
     const int M = d->micNum;
     const int P = d->imageRows * d->imageCols;
     const int B = d->binNum;
-    const bool average = d->cfg->freqAverage;
     const int cols = 2 * M * P;
 #pragma omp parallel
     {
@@ -268,7 +294,7 @@ bool AKUDoaQuantizeV3::createQuantizeParam()
             }
         }
     }
-    buildSteeringTable(d, dist, false, k);
+    akudoa_planar_build_steering(d, dist, false, k, cfg->freqAverage);
     return saveQuantizeParam();
 }
 
@@ -306,20 +332,25 @@ bool AKUDoaQuantizeV3::createQuantizeFocusDisParam()
         for (int j = 0; j < NC; ++j) {
             float* dp = dist.data() + static_cast<size_t>(i * NC + j) * Mp;
             for (int m = 0; m < M; ++m)
-                dp[m] = posDistance(mx[m], my[m], 0.0f, X[i], Y[j], F);
+                dp[m] = akudoa_pos_distance(mx[m], my[m], 0.0f, X[i], Y[j], F);
         }
-    buildSteeringTable(d, dist, true, k);
+    akudoa_planar_build_steering(d, dist, true, k, cfg->freqAverage);
     return saveQuantizeParam();
 }
 
 void AKUDoaQuantizeV3::executeFFT(mat2d_fp32* frame)
+{
+    akudoa_planar_fft(*this, d, frame, d->fftWindow->data, d->cfg->freqAverage);
+}
+
+void akudoa_planar_fft(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* win,
+                       bool average)
 {
     const int M = d->micNum;
     const int N = d->frameSize;
     const int B = d->binNum;
     const int channels = std::min(frame->rows, M);
     const int samples = std::min(frame->cols, N);
-    const float* win = d->fftWindow->data;
 #pragma omp parallel for schedule(dynamic, 1)
     for (int ch = 0; ch < channels; ++ch) {
         const float* in = frame->data[ch];
@@ -328,7 +359,6 @@ void AKUDoaQuantizeV3::executeFFT(mat2d_fp32* frame)
             t[i] = in[i] * win[i];
         fftwf_execute(d->fftPlans[ch]);
     }
-    const bool average = d->cfg->freqAverage;
     for (int b = 0; b < B; ++b) {
         float* row = d->fftData->data[b];
         for (int m = 0; m < M; ++m) {
@@ -347,11 +377,28 @@ void AKUDoaQuantizeV3::executeFFT(mat2d_fp32* frame)
             row[3 * M + m] = re;
         }
     }
-    quantizeScale(d->fftData, d->fftScale);
-    quantize(d->fftData, d->fftScale, d->fftQuant);
+    q.quantizeScale(d->fftData, d->fftScale);
+    q.quantize(d->fftData, d->fftScale, d->fftQuant);
 }
 
 void AKUDoaQuantizeV3::matRowDotInt8(mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec_fp32* factor, mat2d_fp32* out, int row)
+{
+    akudoa_planar_dot_row(d, fftQ, steerQ, factor, out, row);
+}
+
+void AKUDoaQuantizeV3::matRowDotInt8WithRadius(mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec_fp32* factor,
+                                               mat2d_fp32* out, int row)
+{
+    akudoa_planar_dot_row_radius(d, fftQ, steerQ, factor, out, row);
+}
+
+void AKUDoaQuantizeV3::ComplexNormOffset(mat2d_fp32* in, mat2d_fp32* out, float offset, int row)
+{
+    akudoa_planar_norm_offset(in, out, offset, row);
+}
+
+void akudoa_planar_dot_row(AKUDoaQuantizeV3Private* d, mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec_fp32* factor,
+                           mat2d_fp32* out, int row)
 {
     const int m2 = fftQ->cols / 2;
     const int P = (2 * steerQ->cols) / fftQ->cols;
@@ -360,8 +407,8 @@ void AKUDoaQuantizeV3::matRowDotInt8(mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec
                m2, P, factor->data[row], o, o + P);
 }
 
-void AKUDoaQuantizeV3::matRowDotInt8WithRadius(mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec_fp32* factor,
-                                               mat2d_fp32* out, int row)
+void akudoa_planar_dot_row_radius(AKUDoaQuantizeV3Private* d, mat2d_uint8* fftQ, mat2d_uint8* steerQ,
+                                  vec_fp32* factor, mat2d_fp32* out, int row)
 {
     const int m2 = fftQ->cols / 2;
     const int P = (2 * steerQ->cols) / fftQ->cols;
@@ -380,7 +427,7 @@ void AKUDoaQuantizeV3::matRowDotInt8WithRadius(mat2d_uint8* fftQ, mat2d_uint8* s
     }
 }
 
-void AKUDoaQuantizeV3::ComplexNormOffset(mat2d_fp32* in, mat2d_fp32* out, float offset, int row)
+void akudoa_planar_norm_offset(mat2d_fp32* in, mat2d_fp32* out, float offset, int row)
 {
     const int P = in->cols / 2;
     const int n = (in->cols / 8) * 4;
@@ -391,6 +438,71 @@ void AKUDoaQuantizeV3::ComplexNormOffset(mat2d_fp32* in, mat2d_fp32* out, float 
         o[p] = std::fmaf(im[p], im[p], std::fmaf(re[p], re[p], offset));
 }
 
+void akudoa_planar_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b, bool radius, bool self)
+{
+    q.dequantizeScale(d->fftScale, d->steerScale, d->dequantFactor, b);
+    if (radius)
+        akudoa_planar_dot_row_radius(d, d->fftQuant, d->steerQuant, d->dequantFactor, d->beamComplex, b);
+    else
+        akudoa_planar_dot_row(d, d->fftQuant, d->steerQuant, d->dequantFactor, d->beamComplex, b);
+    // Without self terms: minus sum |X_m|^2 (re and -im of every channel).
+    const float offset = self ? 0.0f : -q.vec_power_fp32(d->fftData->data[b], 2u * d->micNum);
+    akudoa_planar_norm_offset(d->beamComplex, d->beamPower, offset, b);
+}
+
+void akudoa_planar_add_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b)
+{
+    const float w = b < AKUDOA_MAX_SENSITIVITY_BINS ? d->cfg->micSensitivity[b] : 1.0f;
+    q.ComplexAddWithScale(d->beamPower, d->heatSum, w, b);
+}
+
+void akudoa_planar_finish(AKUDoaQuantizeV3Private* d, bool self, mat2d_fp32* heatMap)
+{
+    const int NR = d->imageRows;
+    const int NC = d->imageCols;
+    const int P = NR * NC;
+    const int M = d->micNum;
+    float* h = d->heatSum->data;
+    const float norm = 1.0f / static_cast<float>((M - 1) * M);
+    const float invN = 1.0f / static_cast<float>(d->frameSize);
+    for (int p = 0; p < P; ++p) {
+        float x = h[p] * norm;
+        if (!self && x < 0.0f)
+            x = 0.0f;
+        h[p] = std::sqrt(x) * invN;
+    }
+
+    // 0: as is; 1: half turn (the default); 2: left-right mirror; 3: up-down
+    // mirror; any other mode leaves the caller's map as it was. Cells that
+    // fall outside a map of another size are skipped. Without a map the
+    // per-bin powers stay available to the target analysis.
+    const int mode = d->cfg->rotateMode;
+    if (!heatMap || mode < 0 || mode > 3)
+        return;
+    const bool flipRows = mode == 1 || mode == 3;
+    const bool flipCols = mode == 1 || mode == 2;
+    for (int r = 0; r < NR; ++r) {
+        const int tr = flipRows ? NR - 1 - r : r;
+        if (tr >= heatMap->rows)
+            continue;
+        for (int c = 0; c < NC; ++c) {
+            const int tc = flipCols ? NC - 1 - c : c;
+            if (tc < heatMap->cols)
+                heatMap->data[tr][tc] = h[r * NC + c];
+        }
+    }
+}
+
+void akudoa_planar_power_spec(AKUDoaQuantizeV3Private* d, vec_fp32* spectrum, int channel)
+{
+    if (!spectrum || !d->specBuf || channel < 0 || channel >= d->micNum)
+        return;
+    const int n = std::min(spectrum->n, d->frameSize);
+    const float* x = reinterpret_cast<const float*>(d->specBuf->data[channel]);
+    for (int i = 0; i < n; ++i)
+        spectrum->data[n - 1 - i] = x[2 * i] * x[2 * i] + x[2 * i + 1] * x[2 * i + 1];
+}
+
 void AKUDoaQuantizeV3::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat2d_fp32* heatMap)
 {
     executeFFT(frame);
@@ -398,7 +510,6 @@ void AKUDoaQuantizeV3::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
     const int NR = d->imageRows;
     const int NC = d->imageCols;
     const int P = NR * NC;
-    const int M = d->micNum;
     const int B = d->binNum;
     std::fill(d->heatSum->data, d->heatSum->data + P, 0.0f);
 
@@ -419,14 +530,7 @@ void AKUDoaQuantizeV3::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
         const int b = average ? (L.at(k).bin >> 1) : L.at(k).bin;
         if (b < 0 || b >= B)
             continue; // a band edge one past the Nyquist bin has no table row
-        dequantizeScale(d->fftScale, d->steerScale, d->dequantFactor, b);
-        if (radius)
-            matRowDotInt8WithRadius(d->fftQuant, d->steerQuant, d->dequantFactor, d->beamComplex, b);
-        else
-            matRowDotInt8(d->fftQuant, d->steerQuant, d->dequantFactor, d->beamComplex, b);
-        // Without self terms: minus sum |X_m|^2 (re and -im of every channel).
-        const float offset = self ? 0.0f : -vec_power_fp32(d->fftData->data[b], 2u * M);
-        ComplexNormOffset(d->beamComplex, d->beamPower, offset, b);
+        akudoa_planar_row(*this, d, b, radius, self);
         // Programs 53/54: the bin's image is re-rendered from its peaks.
         if (regression)
             AKUGaussianProcessRegression::predit_auto_process(d->beamPower->data[b], d->gprBins->data[b], NR, NC,
@@ -447,57 +551,16 @@ void AKUDoaQuantizeV3::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
             binImage.data = d->gprBins->data[b];
             ComplexAdd(&binImage, d->heatSum);
         } else {
-            const float w = b < AKUDOA_MAX_SENSITIVITY_BINS ? d->cfg->micSensitivity[b] : 1.0f;
-            ComplexAddWithScale(d->beamPower, d->heatSum, w, b);
+            akudoa_planar_add_row(*this, d, b);
         }
     }
 
-    float* h = d->heatSum->data;
-    const float norm = 1.0f / static_cast<float>((M - 1) * M);
-    const float invN = 1.0f / static_cast<float>(d->frameSize);
-    for (int p = 0; p < P; ++p) {
-        float x = h[p] * norm;
-        if (!self && x < 0.0f)
-            x = 0.0f;
-        h[p] = std::sqrt(x) * invN;
-    }
-
-    if (!heatMap)
-        return; // the per-bin powers stay available to the target analysis
-    switch (d->cfg->rotateMode) {
-    case 0:
-        for (int r = 0; r < NR; ++r)
-            for (int c = 0; c < NC; ++c)
-                heatMap->data[r][c] = h[r * NC + c];
-        break;
-    case 1:
-        for (int r = 0; r < NR; ++r)
-            for (int c = 0; c < NC; ++c)
-                heatMap->data[NR - 1 - r][NC - 1 - c] = h[r * NC + c];
-        break;
-    case 2:
-        for (int r = 0; r < NR; ++r)
-            for (int c = 0; c < NC; ++c)
-                heatMap->data[r][NC - 1 - c] = h[r * NC + c];
-        break;
-    case 3:
-        for (int r = 0; r < NR; ++r)
-            for (int c = 0; c < NC; ++c)
-                heatMap->data[NR - 1 - r][c] = h[r * NC + c];
-        break;
-    default:
-        break; // unknown orientation: the caller's map is left as it was
-    }
+    akudoa_planar_finish(d, self, heatMap);
 }
 
 void AKUDoaQuantizeV3::powerSpec(vec_fp32* spectrum, int channel)
 {
-    if (!spectrum || !d->specBuf || channel < 0 || channel >= d->micNum)
-        return;
-    const int n = std::min(spectrum->n, d->frameSize);
-    const float* x = reinterpret_cast<const float*>(d->specBuf->data[channel]);
-    for (int i = 0; i < n; ++i)
-        spectrum->data[n - 1 - i] = x[2 * i] * x[2 * i] + x[2 * i + 1] * x[2 * i + 1];
+    akudoa_planar_power_spec(d, spectrum, channel);
 }
 
 void AKUDoaQuantizeV3::setSpectrumSelf(bool on)

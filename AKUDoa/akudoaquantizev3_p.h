@@ -51,4 +51,49 @@ struct AKUDoaQuantizeV3Private {
     AKUDoaDot8Path dot8 = {"ref", akudoa_dot8_ref};
 };
 
+class IAKUDoaQuantize;
+
+// Planar imaging steps on a record of this layout, shared by the V3 engine
+// and the extended view (which keeps the same record with its own image size
+// and flags), so both run the very same arithmetic. `average` is the
+// engine's frequency-averaging switch; `q` supplies the quantization
+// primitives (they use no engine state).
+
+// Creates every container and FFT plan for the record's current
+// imageRows, imageCols, micNum, frameSize and binNum; gprBins only when
+// `regression` is set.
+void akudoa_planar_create(AKUDoaQuantizeV3Private* d, bool regression);
+// Destroys what akudoa_planar_create made (each only if present) and the
+// cluster helper; the record itself stays.
+void akudoa_planar_release(AKUDoaQuantizeV3Private* d);
+// sqrt(fma(dz, dz, fma(dx, dx, dy * dy))).
+float akudoa_pos_distance(float x1, float y1, float z1, float x2, float y2, float z2);
+// Builds steerQuant and steerScale from the path terms dist (P x Mp floats,
+// Mp = M rounded up to four): row b uses phase coefficient factor * dist,
+// times k in the near field (dist in metres), factor b - 1 or the mean of
+// 2b - 1 and 2b with averaging.
+void akudoa_planar_build_steering(AKUDoaQuantizeV3Private* d, const std::vector<float>& dist, bool nearField,
+                                  float k, bool average);
+// Windows and transforms every channel, builds fftData (re, -im, im, re per
+// channel; pairs of bins summed with averaging) and quantizes it.
+void akudoa_planar_fft(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* window,
+                       bool average);
+// int8 beam sums of table row `row` (all pixels, or only the central square).
+void akudoa_planar_dot_row(AKUDoaQuantizeV3Private* d, mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec_fp32* factor,
+                           mat2d_fp32* out, int row);
+void akudoa_planar_dot_row_radius(AKUDoaQuantizeV3Private* d, mat2d_uint8* fftQ, mat2d_uint8* steerQ,
+                                  vec_fp32* factor, mat2d_fp32* out, int row);
+// out[row][p] = fma(im, im, fma(re, re, offset)) for p < (in->cols / 8) * 4.
+void akudoa_planar_norm_offset(mat2d_fp32* in, mat2d_fp32* out, float offset, int row);
+// One table row of a frame: dequantization factor, beam sums, pixel power
+// into beamPower[b] (without the self terms unless `self`).
+void akudoa_planar_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b, bool radius, bool self);
+// heatSum += beamPower[b] weighted by the bin's sensitivity gain.
+void akudoa_planar_add_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b);
+// heatSum -> amplitude (scale by 1/((M-1)M), floor at 0 unless `self`,
+// square root, 1/N), copied into heatMap by cfg->rotateMode.
+void akudoa_planar_finish(AKUDoaQuantizeV3Private* d, bool self, mat2d_fp32* heatMap);
+// spectrum[n-1-i] = |specBuf[channel][i]|^2; a bad channel is ignored.
+void akudoa_planar_power_spec(AKUDoaQuantizeV3Private* d, vec_fp32* spectrum, int channel);
+
 #endif

@@ -2,6 +2,12 @@
 # Sets up dependencies, builds the library and its tests, runs every test.
 #   scripts/test.sh                    Release-type build in build/
 #   AKUDOA_SANITIZE=1 scripts/test.sh  address + undefined sanitizers in build-asan/
+#   AKUDOA_SANITIZE=thread scripts/test.sh -R Concurren
+#                                      thread sanitizer in build-tsan/ (OpenMP
+#                                      runs one thread: its runtime is not
+#                                      instrumented, so only the library's own
+#                                      threads are checked)
+# Extra arguments go to ctest.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup-deps.sh
@@ -10,6 +16,10 @@ jobs=$(nproc)
 if [ "${AKUDOA_SANITIZE:-0}" = 1 ]; then
   dir=build-asan
   extra=(-DAKUDOA_SANITIZE=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo)
+elif [ "${AKUDOA_SANITIZE:-0}" = thread ]; then
+  dir=build-tsan
+  extra=(-DAKUDOA_TSAN=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAKUDOA_BUILD_TOOLS=OFF)
+  export OMP_NUM_THREADS=1 TSAN_OPTIONS="halt_on_error=1 ${TSAN_OPTIONS:-}"
 else
   dir=build
   extra=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
