@@ -39,7 +39,7 @@ hwcap_dotprod() {
   local cap
   cap=$(QEMU_CPU=$1 qemu-aarch64 /lib/ld-linux-aarch64.so.1 --list-diagnostics \
         | sed -n 's/^dl_hwcap=//p')
-  if (( (cap >> 20) & 1 )); then echo yes; else echo no; fi
+  if (( (${cap:-0} >> 20) & 1 )); then echo yes; else echo no; fi
 }
 
 # The native writer of the steering tables, with scripts/test.sh's settings.
@@ -50,8 +50,11 @@ tables=$dir/tables
 rm -rf "$tables" && mkdir -p "$tables"
 build/tests/akudoa_steering_tables "$tables/x86_64" >/dev/null
 
+seen=""
 for cpu in $cpus; do
-  echo "== AArch64 subset on qemu -cpu $cpu (dot product: $(hwcap_dotprod "$cpu"))"
+  dp=$(hwcap_dotprod "$cpu")
+  seen+=" $dp"
+  echo "== AArch64 subset on qemu -cpu $cpu (dot product: $dp)"
   start=$SECONDS
   QEMU_CPU=$cpu ctest --test-dir "$dir" --output-on-failure -j"$jobs" \
     --no-tests=ignore -R "$subset" "$@"
@@ -63,3 +66,9 @@ for cpu in $cpus; do
   echo "test-arm: steering tables byte-identical to x86_64 ($(find "$tables/x86_64" -type f | wc -l) files)"
   echo "test-arm: $cpu took $((SECONDS - start)) s"
 done
+
+# The default models must cover both dot-product paths.
+if [ -z "${AKUDOA_ARM_CPUS:-}" ] && ! { [[ $seen == *yes* ]] && [[ $seen == *no* ]]; }; then
+  echo "test-arm: the processor models did not cover both dot-product paths:$seen" >&2
+  exit 1
+fi
