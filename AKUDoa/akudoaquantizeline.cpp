@@ -322,10 +322,8 @@ void AKUDoaQuantizeLine::powerSpec(vec_fp32* spectrum, int channel)
 {
     if (!spectrum || !d->micSpectra || channel < 0 || channel >= d->micNum)
         return;
-    const int n = std::min(spectrum->n, d->frameSize);
-    const float* x = reinterpret_cast<const float*>(d->micSpectra->data[d->rowBase() + channel]);
-    for (int k = 0; k < n; ++k)
-        spectrum->data[n - 1 - k] = x[2 * k] * x[2 * k] + x[2 * k + 1] * x[2 * k + 1];
+    akudoa_reverse_power_spectrum(reinterpret_cast<const float*>(d->micSpectra->data[d->rowBase() + channel]),
+                                  d->frameSize, spectrum);
 }
 
 void AKUDoaQuantizeLine::setSpectrumSelf(bool on)

@@ -497,10 +497,7 @@ void akudoa_planar_power_spec(AKUDoaQuantizeV3Private* d, vec_fp32* spectrum, in
 {
     if (!spectrum || !d->specBuf || channel < 0 || channel >= d->micNum)
         return;
-    const int n = std::min(spectrum->n, d->frameSize);
-    const float* x = reinterpret_cast<const float*>(d->specBuf->data[channel]);
-    for (int i = 0; i < n; ++i)
-        spectrum->data[n - 1 - i] = x[2 * i] * x[2 * i] + x[2 * i + 1] * x[2 * i + 1];
+    akudoa_reverse_power_spectrum(reinterpret_cast<const float*>(d->specBuf->data[channel]), d->frameSize, spectrum);
 }
 
 void AKUDoaQuantizeV3::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat2d_fp32* heatMap)

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "AKUDoa/akudoaquantizev4_p.h"
+#include "AKUDoa/iakudoaquantize_p.h"
 #include "AKUDoa/akudoatargetrange_p.h"
 #include "AKUDoa/akugaussianprocessregression.h"
 #include "AKUDoa/base/akudoaarray.h"
@@ -612,10 +613,7 @@ void AKUDoaQuantizeV4::powerSpec(vec_fp32* spectrum, int channel)
 {
     if (!spectrum || !d->micSpectra || channel < 0 || channel >= d->micNum)
         return;
-    const int n = std::min(spectrum->n, d->frameSize);
-    const akudoa_fftwf_complex* X = d->micSpectra->data[channel];
-    for (int k = 0; k < n; ++k)
-        spectrum->data[n - 1 - k] = X[k][0] * X[k][0] + X[k][1] * X[k][1];
+    akudoa_reverse_power_spectrum(&d->micSpectra->data[channel][0][0], d->frameSize, spectrum);
 }
 
 void AKUDoaQuantizeV4::setSpectrumSelf(bool on)

@@ -119,3 +119,10 @@ float IAKUDoaQuantize::vec_power_fp32(float* x, unsigned n)
             lane[k] = std::fmaf(x[4 * j + k], x[4 * j + k], lane[k]);
     return (lane[0] + lane[1]) + (lane[2] + lane[3]);
 }
+
+void akudoa_reverse_power_spectrum(const float* x, int available, vec_fp32* spectrum)
+{
+    const int n = spectrum->n < available ? spectrum->n : available;
+    for (int i = 0; i < n; ++i)
+        spectrum->data[n - 1 - i] = x[2 * i] * x[2 * i] + x[2 * i + 1] * x[2 * i + 1];
+}

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "AKUDoa/base/akudoamatrix.h"
+
 // Row-level forms of the quantization primitives. The matrix primitives of
 // IAKUDoaQuantize and the steering-table builders share them, so a table
 // built one bin row at a time has exactly the bytes of one quantized as a
@@ -15,6 +17,11 @@ float akudoa_row_maxabs(const float* x, int cols);
 float akudoa_row_quant_scale(const float* x, int cols);
 // Quantizes the first 8*floor(cols/8) elements with the table rounding rule.
 void akudoa_row_quantize(const float* x, int cols, float scale, int8_t* q);
+
+// Power spectrum of one channel as every engine's powerSpec reports it: the
+// first n = min(spectrum->n, available) complex values x (interleaved re, im),
+// written in reverse order, spectrum[n - 1 - i] = re_i^2 + im_i^2.
+void akudoa_reverse_power_spectrum(const float* x, int available, vec_fp32* spectrum);
 
 // One element of the rounding rule: s2 = 2 * scale.
 static inline int8_t akudoa_quantize_one(float x, float s2)

@@ -27,22 +27,10 @@ constexpr double kPi = 3.14159265358979323846;
 
 StCamCfg makeCfg(int mics, int rows, int cols, int N = 1024)
 {
-    StCamCfg c{};
-    c.doaVersionSelect = 3;
-    c.sampleFrequency = 96000;
-    c.imageResolutionRow = rows;
-    c.imageResolutionCol = cols;
-    c.sectionFactor = 10;
-    c.frameSize = N;
-    c.imageThetaXYFactor = 1.3f;
-    c.eangleDomain = 43;
-    c.micMaxRadius = 0.11f;
-    c.focusDistance = 1.0f;
+    StCamCfg c = akugrid_camera(mics, rows, cols, N);
     c.rotateMode = 0;
+    c.targetQuantize = false;
     c.extraEn = true;
-    for (float& s : c.micSensitivity)
-        s = 1.0f;
-    akusim_fill_layout(c, mics);
     return c;
 }
 

@@ -16,6 +16,7 @@
 #include "AKUDoa/akudoaquantizeparam.h"
 #include "AKUDoa/akudoaquantizev3.h"
 #include "AKUDoa/akudoaquantizev3_p.h"
+#include "support/akudoagrid.h"
 #include "support/akudoasim.h"
 
 namespace {
@@ -24,22 +25,8 @@ constexpr double kPi = 3.14159265358979323846;
 
 StCamCfg makeCfg(int mics, int rows, int cols, int N = 1024, int fs = 96000)
 {
-    StCamCfg c{};
-    c.doaVersionSelect = 3;
+    StCamCfg c = akugrid_camera(mics, rows, cols, N);
     c.sampleFrequency = fs;
-    c.imageResolutionRow = rows;
-    c.imageResolutionCol = cols;
-    c.sectionFactor = 10;
-    c.frameSize = N;
-    c.imageThetaXYFactor = 1.3f;
-    c.eangleDomain = 43;
-    c.micMaxRadius = 0.11f;
-    c.focusDistance = 1.0f;
-    c.rotateMode = 1;
-    c.targetQuantize = true;
-    for (float& s : c.micSensitivity)
-        s = 1.0f;
-    akusim_fill_layout(c, mics);
     return c;
 }
 
@@ -83,57 +70,6 @@ struct Imager {
         return out;
     }
 };
-
-// Direction of the plane wave that the engine images at unrotated pixel
-// (k, c). The grid steers toward in-plane direction u of the pixel with
-// phases e^{+j psi}; against FFT spectra e^{-j w t} that focuses a source at
-// the opposite in-plane direction, which the default half turn
-// (rotate_mode 1) puts back at the pixel.
-AkuSimSource farSourceAt(const StCamCfg& cfg, int k, int c, uint32_t seed = 1)
-{
-    const double NR = cfg.imageResolutionRow, NC = cfg.imageResolutionCol;
-    const double D = 0.70710677 / std::tan(cfg.eangleDomain * kPi / 180.0);
-    const double u = ((k - NR * 0.5) + 0.5) / NR;
-    const double v = (((c - NC * 0.5) + 0.5) / NR) / cfg.imageThetaXYFactor;
-    const double theta = std::atan2(std::sqrt(u * u + v * v), D);
-    const double phi = std::atan2(v, u);
-    AkuSimSource s;
-    s.x = -std::sin(theta) * std::cos(phi);
-    s.y = -std::sin(theta) * std::sin(phi);
-    s.z = std::cos(theta);
-    s.seed = seed;
-    return s;
-}
-
-// Point on the focal grid of unrotated pixel (k, c) at the focus distance.
-AkuSimSource nearSourceAt(const StCamCfg& cfg, int k, int c)
-{
-    const int NR = cfg.imageResolutionRow, NC = cfg.imageResolutionCol;
-    const double D = 0.70710677 / std::tan(cfg.eangleDomain * kPi / 180.0);
-    const double alpha = std::atan2(cfg.micMaxRadius * 0.5 + 0.5, D);
-    const double F = cfg.focusDistance;
-    AkuSimSource s;
-    s.pointSource = true;
-    s.x = F * std::tan(-((k - NR / 2) + 0.5) * (2.0 / NR) * alpha);
-    s.y = F * std::tan(-((c - NC / 2) + 0.5) * (2.0 / NR) * alpha) / cfg.imageThetaXYFactor;
-    s.z = F;
-    return s;
-}
-
-// Where unrotated pixel (k, c) lands in the heat map for each orientation.
-void rotated(int mode, int NR, int NC, int k, int c, int& r, int& col)
-{
-    r = k;
-    col = c;
-    if (mode == 1) {
-        r = NR - 1 - k;
-        col = NC - 1 - c;
-    } else if (mode == 2) {
-        col = NC - 1 - c;
-    } else if (mode == 3) {
-        r = NR - 1 - k;
-    }
-}
 
 int argmax(const std::vector<float>& v)
 {
@@ -280,7 +216,7 @@ TEST_F(V3Test, TablesBuiltTwiceAndReloadedAreByteIdentical)
     EXPECT_TRUE(c.engine.loadQuantizeParam());
     EXPECT_EQ(first, c.tableBytes());
     const AkuSimArray arr = akusim_array_from_cfg(cfg);
-    mat2d_fp32* frame = akusim_frame(arr, {farSourceAt(cfg, 2, 4)}, 96000, 1024);
+    mat2d_fp32* frame = akusim_frame(arr, {akugrid_far_source(cfg, 2, 4)}, 96000, 1024);
     EXPECT_EQ(a.image(frame), c.image(frame));
     destroy_mat2d_fp32(frame);
 }
@@ -418,10 +354,10 @@ TEST_F(V3Test, UnwritableCacheStillImages)
     EXPECT_FALSE(im.engine.loadQuantizeParam());
     EXPECT_FALSE(fileExists(missing));
     const AkuSimArray arr = akusim_array_from_cfg(cfg);
-    mat2d_fp32* frame = akusim_frame(arr, {farSourceAt(cfg, 2, 4)}, 96000, 1024);
+    mat2d_fp32* frame = akusim_frame(arr, {akugrid_far_source(cfg, 2, 4)}, 96000, 1024);
     const std::vector<float> img = im.image(frame);
     int r, c;
-    rotated(1, 8, 6, 2, 4, r, c);
+    akugrid_rotated(1, 8, 6, 2, 4, r, c);
     const int best = argmax(img);
     EXPECT_LE(std::abs(best / 6 - r), 1);
     EXPECT_LE(std::abs(best % 6 - c), 1);
@@ -442,7 +378,7 @@ TEST_F(V3Test, EmptyBandListAndZeroWindowGiveZeroImages)
     StCamCfg cfg = makeCfg(16, 4, 4);
     Imager im(cfg);
     const AkuSimArray arr = akusim_array_from_cfg(cfg);
-    mat2d_fp32* frame = akusim_frame(arr, {farSourceAt(cfg, 1, 1)}, 96000, 1024);
+    mat2d_fp32* frame = akusim_frame(arr, {akugrid_far_source(cfg, 1, 1)}, 96000, 1024);
     const std::vector<float> zero(16, 0.0f);
 
     im.bands.updateBands({});
@@ -465,7 +401,7 @@ TEST_F(V3Test, SingleMicrophoneHasNoCrossTermsWithoutSelfSpectrum)
     StCamCfg cfg = makeCfg(16, 4, 4);
     Imager im(cfg);
     AkuSimArray one = akusim_array_from_cfg(cfg);
-    mat2d_fp32* frame = akusim_frame(one, {farSourceAt(cfg, 1, 1)}, 96000, 1024);
+    mat2d_fp32* frame = akusim_frame(one, {akugrid_far_source(cfg, 1, 1)}, 96000, 1024);
     for (int m = 1; m < 16; ++m)
         std::fill(frame->data[m], frame->data[m] + 1024, 0.0f);
     im.engine.setSpectrumSelf(true);
@@ -486,7 +422,7 @@ TEST_F(V3Test, OrientationOfATwoByTwoImage)
     StCamCfg cfg = makeCfg(16, 2, 2);
     Imager im(cfg);
     const AkuSimArray arr = akusim_array_from_cfg(cfg);
-    mat2d_fp32* frame = akusim_frame(arr, {farSourceAt(cfg, 0, 1)}, 96000, 1024);
+    mat2d_fp32* frame = akusim_frame(arr, {akugrid_far_source(cfg, 0, 1)}, 96000, 1024);
     im.cfg.rotateMode = 0;
     const std::vector<float> h = im.image(frame); // the unrotated sums
     ASSERT_NE(h[0], h[3]);
@@ -544,7 +480,7 @@ TEST_F(V3Test, AveragingVisitsEveryOtherBandEntry)
     cfg.freqAverage = true;
     Imager im(cfg);
     const AkuSimArray arr = akusim_array_from_cfg(cfg);
-    mat2d_fp32* frame = akusim_frame(arr, {farSourceAt(cfg, 1, 2)}, 96000, 1024);
+    mat2d_fp32* frame = akusim_frame(arr, {akugrid_far_source(cfg, 1, 2)}, 96000, 1024);
     // Bins 300 and 303 (entries 0 and 1): only entry 0 counts, as row 150.
     const int f300 = 300 * 96000 / 1024, f303 = 303 * 96000 / 1024 + 1;
     im.bands.updateBands({{f300, f300, 1}, {f303, f303, 1}});
@@ -566,7 +502,7 @@ TEST_F(V3Test, RadiusModeImagesOnlyTheCentralSquare)
     im.engine.setSpectrumSelf(true);
     im.engine.setFocusRadiusMode(true);
     const AkuSimArray arr = akusim_array_from_cfg(cfg);
-    mat2d_fp32* frame = akusim_frame(arr, {farSourceAt(cfg, 4, 4)}, 96000, 1024);
+    mat2d_fp32* frame = akusim_frame(arr, {akugrid_far_source(cfg, 4, 4)}, 96000, 1024);
     const std::vector<float> img = im.image(frame);
     // Rows 4 - 2 .. 4 + 2 (exclusive), columns 2 .. 6 (exclusive).
     for (int r = 0; r < 8; ++r)
@@ -585,7 +521,7 @@ TEST_F(V3Test, TargetPowerReadsThePixelOfEachOrientation)
     StCamCfg cfg = makeCfg(16, 6, 4);
     Imager im(cfg);
     const AkuSimArray arr = akusim_array_from_cfg(cfg);
-    mat2d_fp32* frame = akusim_frame(arr, {farSourceAt(cfg, 1, 3)}, 96000, 1024);
+    mat2d_fp32* frame = akusim_frame(arr, {akugrid_far_source(cfg, 1, 3)}, 96000, 1024);
     for (int mode = 0; mode < 4; ++mode) {
         im.cfg.rotateMode = mode;
         const std::vector<float> img = im.image(frame);
@@ -679,7 +615,7 @@ TEST_F(V3Test, ImageDoesNotDependOnTheThreadCount)
         Imager im(cfg);
         const AkuSimArray arr = akusim_array_from_cfg(cfg);
         mat2d_fp32* frame =
-            akusim_frame(arr, {farSourceAt(cfg, 2, 5, 3), farSourceAt(cfg, 6, 1, 4)}, 96000, 1024);
+            akusim_frame(arr, {akugrid_far_source(cfg, 2, 5, 3), akugrid_far_source(cfg, 6, 1, 4)}, 96000, 1024);
         const int saved = omp_get_max_threads();
         omp_set_num_threads(1);
         const std::vector<float> one = im.image(frame);
@@ -697,7 +633,7 @@ TEST_F(V3Test, EveryBeamSumPathGivesTheSameImage)
         StCamCfg cfg = makeCfg(mics, 6, 6);
         Imager im(cfg);
         const AkuSimArray arr = akusim_array_from_cfg(cfg);
-        mat2d_fp32* frame = akusim_frame(arr, {farSourceAt(cfg, 1, 4)}, 96000, 1024);
+        mat2d_fp32* frame = akusim_frame(arr, {akugrid_far_source(cfg, 1, 4)}, 96000, 1024);
         std::vector<float> ref;
         for (const AKUDoaDot8Path& path : akudoa_dot8_paths()) {
             im.d()->dot8 = path;
@@ -733,12 +669,12 @@ TEST_P(V3FarField, PlaneWaveAppearsAtItsPixelInEveryOrientation)
     Imager im(cfg);
     const AkuSimArray arr = akusim_array_from_cfg(cfg);
     for (const auto& px : {std::pair<int, int>{4, 8}, std::pair<int, int>{11, 2}}) {
-        mat2d_fp32* frame = akusim_frame(arr, {farSourceAt(cfg, px.first, px.second)}, 96000, 1024);
+        mat2d_fp32* frame = akusim_frame(arr, {akugrid_far_source(cfg, px.first, px.second)}, 96000, 1024);
         for (int mode = 0; mode < 4; ++mode) {
             im.cfg.rotateMode = mode;
             const std::vector<float> img = im.image(frame);
             int r, c;
-            rotated(mode, 16, 12, px.first, px.second, r, c);
+            akugrid_rotated(mode, 16, 12, px.first, px.second, r, c);
             const int best = argmax(img);
             EXPECT_LE(std::abs(best / 12 - r), 1) << "mode " << mode << " pixel " << px.first << "," << px.second;
             EXPECT_LE(std::abs(best % 12 - c), 1) << "mode " << mode << " pixel " << px.first << "," << px.second;
@@ -764,7 +700,7 @@ TEST_F(V3Test, PointSourceAtTheFocusDistanceAppearsAtItsPixel)
     Imager im(cfg);
     const AkuSimArray arr = akusim_array_from_cfg(cfg);
     for (const auto& px : {std::pair<int, int>{3, 9}, std::pair<int, int>{12, 4}}) {
-        mat2d_fp32* frame = akusim_frame(arr, {nearSourceAt(cfg, px.first, px.second)}, 96000, 1024);
+        mat2d_fp32* frame = akusim_frame(arr, {akugrid_near_source(cfg, px.first, px.second)}, 96000, 1024);
         const std::vector<float> img = im.image(frame);
         const int best = argmax(img);
         EXPECT_LE(std::abs(best / 12 - px.first), 1) << px.first << "," << px.second;
@@ -779,7 +715,7 @@ TEST_F(V3Test, TwoEqualSourcesGiveTwoSimilarMaxima)
     cfg.rotateMode = 0;
     Imager im(cfg);
     const AkuSimArray arr = akusim_array_from_cfg(cfg);
-    mat2d_fp32* frame = akusim_frame(arr, {farSourceAt(cfg, 4, 3, 11), farSourceAt(cfg, 10, 10, 12)}, 96000, 1024);
+    mat2d_fp32* frame = akusim_frame(arr, {akugrid_far_source(cfg, 4, 3, 11), akugrid_far_source(cfg, 10, 10, 12)}, 96000, 1024);
     const std::vector<float> img = im.image(frame);
     const auto peaks = localMaxima(img, 16, 12);
     ASSERT_GE(peaks.size(), 2u);
@@ -801,7 +737,7 @@ TEST_F(V3Test, RegressionProgramKeepsTheSourceAtItsPixel)
     cfg.rotateMode = 0;
     Imager im(cfg);
     const AkuSimArray arr = akusim_array_from_cfg(cfg);
-    mat2d_fp32* frame = akusim_frame(arr, {farSourceAt(cfg, 5, 7)}, 96000, 1024);
+    mat2d_fp32* frame = akusim_frame(arr, {akugrid_far_source(cfg, 5, 7)}, 96000, 1024);
     const std::vector<float> img = im.image(frame);
     const int best = argmax(img);
     EXPECT_LE(std::abs(best / 12 - 5), 1);
@@ -818,12 +754,12 @@ TEST_F(EndToEndSmall, PlaneWaveAppearsAtItsPixel)
     StCamCfg cfg = makeCfg(16, 12, 10, 256, 96000);
     Imager im(cfg);
     const AkuSimArray arr = akusim_array_from_cfg(cfg);
-    mat2d_fp32* frame = akusim_frame(arr, {farSourceAt(cfg, 3, 7)}, 96000, 256);
+    mat2d_fp32* frame = akusim_frame(arr, {akugrid_far_source(cfg, 3, 7)}, 96000, 256);
     for (int mode : {0, 1}) {
         im.cfg.rotateMode = mode;
         const std::vector<float> img = im.image(frame);
         int r, c;
-        rotated(mode, 12, 10, 3, 7, r, c);
+        akugrid_rotated(mode, 12, 10, 3, 7, r, c);
         const int best = argmax(img);
         EXPECT_LE(std::abs(best / 10 - r), 1) << mode;
         EXPECT_LE(std::abs(best % 10 - c), 1) << mode;

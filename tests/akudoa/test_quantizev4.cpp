@@ -18,6 +18,7 @@
 #include "AKUDoa/akudoaquantizev4_p.h"
 #include "AKUDoa/akugaussianprocessregression.h"
 #include "AKUDoa/base/akudoaarray.h"
+#include "support/akudoagrid.h"
 #include "support/akudoasim.h"
 
 namespace {
@@ -26,23 +27,7 @@ constexpr double kPi = 3.14159265358979323846;
 
 StCamCfg makeCfg(int mics, int rows, int cols, int program = 4)
 {
-    StCamCfg c{};
-    c.doaVersionSelect = program;
-    c.sampleFrequency = 96000;
-    c.imageResolutionRow = rows;
-    c.imageResolutionCol = cols;
-    c.sectionFactor = 10;
-    c.frameSize = 1024;
-    c.imageThetaXYFactor = 1.3f;
-    c.eangleDomain = 43;
-    c.micMaxRadius = 0.11f;
-    c.focusDistance = 1.0f;
-    c.rotateMode = 1;
-    c.targetQuantize = true;
-    for (float& s : c.micSensitivity)
-        s = 1.0f;
-    akusim_fill_layout(c, mics);
-    return c;
+    return akugrid_camera(mics, rows, cols, 1024, program);
 }
 
 std::vector<float> flatten(const mat2d_fp32* m)

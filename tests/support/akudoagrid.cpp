@@ -7,6 +7,27 @@ namespace {
 constexpr double kPi = 3.14159265358979323846;
 }
 
+StCamCfg akugrid_camera(int mics, int rows, int cols, int frameSize, int program)
+{
+    StCamCfg c{};
+    c.doaVersionSelect = program;
+    c.sampleFrequency = 96000;
+    c.imageResolutionRow = rows;
+    c.imageResolutionCol = cols;
+    c.sectionFactor = 10;
+    c.frameSize = frameSize;
+    c.imageThetaXYFactor = 1.3f;
+    c.eangleDomain = 43;
+    c.micMaxRadius = 0.11f;
+    c.focusDistance = 1.0f;
+    c.rotateMode = 1;
+    c.targetQuantize = true;
+    for (float& s : c.micSensitivity)
+        s = 1.0f;
+    akusim_fill_layout(c, mics);
+    return c;
+}
+
 AkuSimSource akugrid_far_source(const StCamCfg& cfg, int k, int c, uint32_t seed)
 {
     const double NR = cfg.imageResolutionRow, NC = cfg.imageResolutionCol;

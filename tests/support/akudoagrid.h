@@ -6,6 +6,11 @@
 
 // Where the planar V3 grid looks, for placing simulated sources at pixels.
 
+// Camera record for engine tests: 96 kHz, the given image and frame size,
+// 43 degree angle domain, thetaXY factor 1.3, section factor 10, focus 1 m,
+// half-turn orientation, unit sensitivity and the built-in layout of mics.
+StCamCfg akugrid_camera(int mics, int rows, int cols, int frameSize = 1024, int program = 3);
+
 // Plane wave that the engine images at unrotated pixel (k, c). The grid
 // steers toward in-plane direction u of the pixel with phases e^{+j psi};
 // against FFT spectra e^{-j w t} that focuses a source at the opposite
