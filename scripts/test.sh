@@ -7,6 +7,10 @@
 #                                      runs one thread: its runtime is not
 #                                      instrumented, so only the library's own
 #                                      threads are checked)
+#   AKUDOA_CHECK_SIMD=1 scripts/test.sh
+#                                      check mode in build-check/: every vector
+#                                      kernel also runs its scalar reference
+#                                      and aborts on any disagreement
 # Extra arguments go to ctest.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -20,6 +24,9 @@ elif [ "${AKUDOA_SANITIZE:-0}" = thread ]; then
   dir=build-tsan
   extra=(-DAKUDOA_TSAN=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAKUDOA_BUILD_TOOLS=OFF)
   export OMP_NUM_THREADS=1 TSAN_OPTIONS="halt_on_error=1 ${TSAN_OPTIONS:-}"
+elif [ "${AKUDOA_CHECK_SIMD:-0}" = 1 ]; then
+  dir=build-check
+  extra=(-DAKUDOA_CHECK_SIMD=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo)
 else
   dir=build
   extra=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
