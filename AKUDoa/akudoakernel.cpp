@@ -298,9 +298,14 @@ fpoint2d AKUDoaKernelPrivate::DoPointCorCod2D(fpoint2d p) const
     return akudoa_cordinate_point(coefficients(), static_cast<float>(cfg.sectionFactor), p);
 }
 
-fpoint2d AKUDoaKernelPrivate::engineTarget(fpoint2d p) const
+fpoint2d AKUDoaKernelPrivate::engineTarget(fpoint2d p)
 {
-    return cfg.imageCorrectionFlag == 1 ? DoPointCorCod2D(p) : p;
+    if (cfg.imageCorrectionFlag != 1)
+        return p;
+    // The coefficients may be replaced concurrently (updateCordinateMat):
+    // read them under their lock.
+    std::lock_guard<std::mutex> corLock(cordinateMutex);
+    return DoPointCorCod2D(p);
 }
 
 // ---------------------------------------------------------------------------
@@ -691,8 +696,9 @@ bool AKUDoaKernel::readPickedUpAudio(mat2d_fp32* frame, vec_fp32* audio, fpoint2
     if (!frame || !audio || d->cfg.initFlag != 1 || !d->pickup)
         return false;
     d->pushPickUpAudioFrame(frame);
-    std::lock_guard<std::mutex> pickupLock(d->pickupMutex);
+    // Corrected before the pickup lock: that lock never nests with another.
     const fpoint2d t = d->engineTarget(target);
+    std::lock_guard<std::mutex> pickupLock(d->pickupMutex);
     d->pickup->initTargetPoint(t.x, t.y);
     d->pickup->executePickup(d->framePool.back(), *d->freqBands, audio);
     return true;
@@ -916,6 +922,7 @@ void AKUDoaKernel::updateCordinateMat(CordinateMat m)
 
 CordinateMat AKUDoaKernel::cordinateMat()
 {
+    std::lock_guard<std::mutex> corLock(d->cordinateMutex);
     return d->coefficients();
 }
 

@@ -75,7 +75,8 @@ struct AKUDoaKernelPrivate {
     void rebuildCordinate();       // the rule of the current program
     void DoCodCor2D(mat2d_fp32* raw, mat2d_fp32* out) const;
     fpoint2d DoPointCorCod2D(fpoint2d p) const;
-    fpoint2d engineTarget(fpoint2d p) const; // corrected when correction is on
+    // Corrected when correction is on; takes cordinateMutex for the read.
+    fpoint2d engineTarget(fpoint2d p);
 };
 
 // Read-only access to the private record, for tests.
