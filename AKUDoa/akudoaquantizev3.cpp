@@ -599,13 +599,7 @@ float AKUDoaQuantizeV3::getPaWithTarget(fpoint2d target, AKUDoaFreqBands& bands)
             continue;
         sum = std::fmaf(d->beamPower->data[e.bin][idx], d->cfg->micSensitivity[e.bin], sum);
     }
-    sum = sum / static_cast<float>((M - 1) * M);
-    float a;
-    if (d->spectrumSelf)
-        a = std::sqrt(sum);
-    else
-        a = sum < 0.0f ? 0.0f : std::sqrt(sum);
-    return a / static_cast<float>(d->frameSize);
+    return akudoa_target_amplitude(sum, M, d->frameSize, d->spectrumSelf);
 }
 
 void AKUDoaQuantizeV3::findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& bands, int& lowFreq, int& highFreq,

@@ -657,13 +657,7 @@ float AKUDoaQuantizeV4::getPaWithTarget(fpoint2d target, AKUDoaFreqBands& bands)
             continue;
         sum = std::fmaf(d->binMaps->data[e.bin][idx], sensitivity(d->cfg, e.bin), sum);
     }
-    sum = sum / static_cast<float>((M - 1) * M);
-    float a;
-    if (d->spectrumSelf)
-        a = std::sqrt(sum);
-    else
-        a = sum < 0.0f ? 0.0f : std::sqrt(sum);
-    return a / static_cast<float>(d->frameSize);
+    return akudoa_target_amplitude(sum, M, d->frameSize, d->spectrumSelf);
 }
 
 void AKUDoaQuantizeV4::findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& bands, int& lowFreq, int& highFreq,

@@ -114,3 +114,14 @@ void akudoa_find_target_freq_range(const AKUDoaTargetRangeSource& src, AKUCluste
     lowFreq = (lo * src.sampleRate) / N;
     highFreq = (hi * src.sampleRate) / N;
 }
+
+float akudoa_target_amplitude(float sum, int micNum, int frameSize, bool spectrumSelf)
+{
+    sum = sum / static_cast<float>((micNum - 1) * micNum);
+    float a;
+    if (spectrumSelf)
+        a = std::sqrt(sum);
+    else
+        a = sum < 0.0f ? 0.0f : std::sqrt(sum);
+    return a / static_cast<float>(frameSize);
+}

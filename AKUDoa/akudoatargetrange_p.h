@@ -29,4 +29,9 @@ struct AKUDoaTargetRangeSource {
 void akudoa_find_target_freq_range(const AKUDoaTargetRangeSource& src, AKUCluster* cluster, fpoint2d target,
                                    const std::vector<doaFreqInfo>& L, int& lowFreq, int& highFreq, float& power);
 
+// Amplitude of a target pixel from its sensitivity-weighted power sum over
+// the band: sqrt(sum / ((M-1)M)) / N. Without self-spectrum a negative sum
+// (side lobe after the self terms were removed) reads 0; with it, NaN.
+float akudoa_target_amplitude(float sum, int micNum, int frameSize, bool spectrumSelf);
+
 #endif
