@@ -431,6 +431,18 @@ public:
         return seconds;
     }
 
+    // Wall time spent inside the library by heat_map so far: the rest of a
+    // heat_map call is the binding's own cost.
+    double kernelSeconds()
+    {
+        double v = 0.0;
+        run("_kernel_seconds", [&](AKUDoaKernel&) {
+            v = kernelSeconds_;
+            return true;
+        });
+        return v;
+    }
+
 private:
     // Keys whose wrong values the library does not report: an unsupported
     // microphone count ends the process, frames above 1024 samples overrun
@@ -517,7 +529,9 @@ private:
     bool readWithSpectrum(AKUDoaKernel& k, RowView& in, RowView& o, int channel)
     {
         vec_fp32 s{static_cast<int32_t>(spectrum_.size()), spectrum_.data()};
+        const auto t0 = std::chrono::steady_clock::now();
         const bool ok = k.readHeatMap(&in.m, &o.m, &s, channel);
+        kernelSeconds_ += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
         haveSpectrum_ = haveSpectrum_ || ok;
         return ok;
     }
@@ -573,6 +587,7 @@ private:
     int rows_ = 0, cols_ = 0, frameSize_ = 0, mics_ = 0, inputChannels_ = 0;
     bool linear_ = false, extra_ = false, distance_ = false, haveSpectrum_ = false;
     std::vector<float> spectrum_;
+    double kernelSeconds_ = 0.0; // inside readHeatMap during heat_map calls
     py::tuple doaWindow_ = py::make_tuple(static_cast<int>(FFT_WINDOW_TUKEY), 0.0f, 0.0f, 0.2f);
     py::tuple pickupWindow_ = py::make_tuple(static_cast<int>(FFT_WINDOW_HANN), 0.0f, 0.0f, 1.0f);
 };
@@ -632,6 +647,7 @@ PYBIND11_MODULE(akudoa, m)
         .def("extra_map", &Kernel::extraMap, py::arg("frame"), "Extended view (rows // 2, cols // 2).")
         .def("power_spectrum", &Kernel::powerSpectrum, "Power spectrum (frame_size // 2 + 1) of the last heat map.")
         .def("_cxx_frame_seconds", &Kernel::cxxFrameSeconds, py::arg("frame"), py::arg("repeats"))
+        .def_property_readonly("_kernel_seconds", &Kernel::kernelSeconds)
         .def_property("program", &Kernel::program, &Kernel::setProgram, "Imaging program: 3, 4, 53 or 54.")
         .def_property("focus_distance", &Kernel::focusDistance, &Kernel::setFocusDistance, "Metres.")
         .def_property("focus_enabled", &Kernel::focusEnabled, &Kernel::setFocusEnabled)
