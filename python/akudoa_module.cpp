@@ -292,8 +292,9 @@ public:
     }
     void setFocus(float distance, bool enable)
     {
-        if (!std::isfinite(distance) || distance <= 0.0f)
-            throw py::value_error("focus_distance must be a positive number of metres");
+        // Bounded so that delays derived from it stay far inside int range.
+        if (!(distance >= 0.01f && distance <= 1.0e4f))
+            throw py::value_error("focus_distance must lie in 0.01 ... 10000 metres");
         run("focus", [&](AKUDoaKernel& k) {
             std::lock_guard<std::mutex> planner(g_plannerMutex);
             k.setFocusDis(distance, enable);
@@ -374,8 +375,9 @@ public:
         float v[6];
         for (int i = 0; i < 6; ++i) {
             v[i] = s[static_cast<size_t>(i)].cast<float>();
-            if (!std::isfinite(v[i]))
-                throw py::value_error("coordinate_matrix entries must be finite");
+            // Mapped positions are rounded to int: keep them far inside range.
+            if (!(std::fabs(v[i]) <= 1.0e4f))
+                throw py::value_error("coordinate_matrix entries must lie in -10000 ... 10000");
         }
         planarOnly("coordinate_matrix");
         run("coordinate_matrix", [&](AKUDoaKernel& k) {
