@@ -647,7 +647,8 @@ PYBIND11_MODULE(akudoa, m)
              "library's raw target instead of the cell the heat map shows.")
         .def("line_maps", &Kernel::lineMaps, py::arg("frame"), "(map0, map1) of a linear-array configuration.")
         .def("extra_map", &Kernel::extraMap, py::arg("frame"), "Extended view (rows // 2, cols // 2).")
-        .def("power_spectrum", &Kernel::powerSpectrum, "Power spectrum (frame_size // 2 + 1) of the last heat map, in the library's order: "
+        .def("power_spectrum", &Kernel::powerSpectrum,
+             "Power spectrum (frame_size // 2 + 1) of the last heat map, in the library's order: "
              "element n - 1 - i holds FFT bin i.")
         .def("_cxx_frame_seconds", &Kernel::cxxFrameSeconds, py::arg("frame"), py::arg("repeats"))
         .def_property_readonly("_kernel_seconds", &Kernel::kernelSeconds)
