@@ -29,7 +29,8 @@ elif [ "${AKUDOA_CHECK_SIMD:-0}" = 1 ]; then
   extra=(-DAKUDOA_CHECK_SIMD=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo)
 else
   dir=build
-  extra=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
+  # The Python module only here: plain python cannot load a sanitized library.
+  extra=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DAKUDOA_BUILD_PYTHON=ON)
 fi
 cmake -S . -B "$dir" -DAKUDOA_BUILD_TESTS=ON -DAKUDOA_WERROR="${AKUDOA_WERROR:-OFF}" "${extra[@]}" >/dev/null
 cmake --build "$dir" -j"$jobs"
