@@ -3,6 +3,7 @@
 // standard input.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <fstream>
 #include <hdf5.h>
 #include <sstream>
+#include <sys/wait.h>
 #include <sndfile.h>
 #include <unistd.h>
 
@@ -195,4 +197,71 @@ TEST(ToolInputs, EveryRecordingGivesTheCapturePeaks)
                              "microphone) or 128 (the capture layout) channels"),
               std::string::npos)
         << wrong.out;
+}
+
+// A live run stopped by a signal or by an input that ends mid-frame leaves
+// whole files: the frames it imaged, each as the file path images it.
+TEST(ToolInputs, LiveRunLeavesCompleteFiles)
+{
+    const std::string dir = dirFor("inputs-live");
+    writeText(joinPath(dir, "cam.ini"), smallCamera(16));
+    writeText(joinPath(dir, "scene.ini"), kScene);
+    ASSERT_EQ(akudoa(dir, "simulate --config cam.ini --scene scene.ini --out rec.wav").status, 0);
+    ASSERT_EQ(akudoa(dir, "image --config cam.ini --in rec.wav --out ref").status, 0);
+    const std::string ref = slurp(joinPath(dir, "ref/peaks.csv"));
+    SoundInfo info;
+    const std::vector<float> x = readAll(joinPath(dir, "rec.wav"), info);
+    const size_t frameBytes = 512 * 16 * 4;
+    const int sent = 4;
+    auto lines = [](const std::string& s) { return std::count(s.begin(), s.end(), '\n'); };
+    std::signal(SIGPIPE, SIG_IGN); // a failed run must fail the test, not end it
+
+    const struct {
+        int signal;   // sent once the frames are imaged; 0: close the input instead
+        size_t extra; // bytes after the whole frames
+        const char* message;
+    } cases[] = {
+        {SIGTERM, 0, "stopped by a signal after 4 frames"},
+        {SIGINT, 100, "stopped by a signal after 4 frames"},
+        {0, frameBytes / 2 + 2, "the input ended 16386 bytes into frame 4 (a frame is 32768 bytes"},
+    };
+    for (const auto& t : cases) {
+        const std::string out = joinPath(dir, "live");
+        (void)!std::system(("rm -rf '" + out + "'").c_str());
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        const pid_t pid = fork();
+        if (pid == 0) {
+            dup2(fds[0], 0), close(fds[1]);
+            const int log = open(joinPath(dir, "live.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            dup2(log, 1), dup2(log, 2);
+            execl(AKUDOA_TOOL_BINARY, "akudoa", "image", "--config", joinPath(dir, "cam.ini").c_str(), "--in", "-",
+                  "--out", out.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        close(fds[0]);
+        const size_t bytes = sent * frameBytes + t.extra;
+        ASSERT_EQ(write(fds[1], x.data(), bytes), ssize_t(bytes));
+        // Wait for the imaged frames (the signal would otherwise end the
+        // run before they are read).
+        while (t.signal && lines(slurp(joinPath(out, "peaks.csv"))) < sent + 1)
+            usleep(20000);
+        if (t.signal)
+            kill(pid, t.signal);
+        close(fds[1]);
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        const std::string log = slurp(joinPath(dir, "live.log"));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << log;
+        EXPECT_NE(log.find(t.message), std::string::npos) << log;
+        size_t end = 0;
+        for (int i = 0; i <= sent; ++i)
+            end = ref.find('\n', end) + 1;
+        EXPECT_EQ(slurp(joinPath(out, "peaks.csv")), ref.substr(0, end));
+        EXPECT_EQ(slurp(joinPath(out, "heatmap.f32")).size(), sent * 16u * 12 * 4);
+        EXPECT_NE(slurp(joinPath(out, "heatmap.txt")).find("frames 4\n"), std::string::npos);
+        EXPECT_EQ(slurp(joinPath(out, "latest.png")), slurp(joinPath(out, "frame_00003.png")));
+        EXPECT_EQ(readPng(joinPath(out, "latest.png")).width, 12 * 8);
+        EXPECT_EQ(std::system(("ls -A '" + out + "' | grep -q akudoa-tmp").c_str()), 256) << "temporary left";
+    }
 }
