@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "AKUDoa/akudoa.h"
@@ -84,6 +85,16 @@ void installStopHandlers()
     sigemptyset(&sa.sa_mask);
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+}
+
+// latest.png becomes the newest frame's PNG by rename, so a viewer never
+// sees half a file; a hard link spares encoding the picture twice.
+void showLatest(const std::string& dir, const std::string& frameFile, const RgbImage& img)
+{
+    const std::string latest = joinPath(dir, "latest.png"), temp = joinPath(dir, ".akudoa-latest.png");
+    std::remove(temp.c_str());
+    if (link(joinPath(dir, frameFile).c_str(), temp.c_str()) != 0 || std::rename(temp.c_str(), latest.c_str()) != 0)
+        writePng(latest, img);
 }
 
 void writeAll(FILE* fp, const void* data, size_t bytes, const std::string& name)
@@ -248,7 +259,7 @@ int runImage(const std::vector<std::string>& argv)
                 img = withColorBar(img, ropt.colorMap, ropt.rangeDb);
             writePng(outPath(frameName(f)), img);
             if (live)
-                writePng(outPath("latest.png"), img);
+                showLatest(outDir, frameName(f), img);
             ++pngs;
         }
         if (!live) {
