@@ -185,7 +185,8 @@ int runGeometry(const std::vector<std::string>& argv)
     std::printf("  aperture %.4f m, radius %.4f m; centre offset (%.4f, %.4f, %.4f) m from the file's origin\n",
                 g.aperture, g.maxRadius, g.centre.x, g.centre.y, g.centre.z);
     std::printf("  use it with channel_num = %zu and [MicParam] MicFile = %s\n", mics.size(), outPath.c_str());
-    std::printf("  (the steering-table cache names do not carry the geometry: use a cache directory of its own)\n");
+    std::printf("  (steering-table cache names do not carry the geometry: give this array a cache directory of its "
+                "own, or turn the cache off)\n");
     if (g.maxRadius > 0.11)
         std::printf("note: the radius exceeds the library's micMaxRadius preset of 0.11 m, which the geometry "
                     "file does not change; focused (near-field) images still size their view from 0.11 m\n");
