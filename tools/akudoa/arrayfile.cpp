@@ -36,6 +36,7 @@ namespace {
 
 const double kPlaneTolerance = 1e-3;     // metres off the plane
 const double kDuplicateTolerance = 1e-5; // metres between two microphones
+const double kMicMaxRadiusPreset = 0.11;  // metres, fixed in the library's configuration record
 
 std::string fmtPos(const Vec3& p)
 {
@@ -187,9 +188,10 @@ int runGeometry(const std::vector<std::string>& argv)
     std::printf("  use it with channel_num = %zu and [MicParam] MicFile = %s\n", mics.size(), outPath.c_str());
     std::printf("  (steering-table cache names do not carry the geometry: give this array a cache directory of its "
                 "own, or turn the cache off)\n");
-    if (g.maxRadius > 0.11)
-        std::printf("note: the radius exceeds the library's micMaxRadius preset of 0.11 m, which the geometry "
-                    "file does not change; focused (near-field) images still size their view from 0.11 m\n");
+    if (g.aperture > kMicMaxRadiusPreset)
+        std::printf("note: the aperture exceeds the library's micMaxRadius preset of %.2f m, which no file "
+                    "changes: focused (near-field) images size their view from the preset, not from this array\n",
+                    kMicMaxRadiusPreset);
     return 0;
 }
 
