@@ -9,7 +9,6 @@
 #include <cstring>
 #include <fstream>
 #include <hdf5.h>
-#include <regex>
 #include <sndfile.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -150,8 +149,10 @@ TEST(ToolInputs, EveryInputGivesTheCapturePeaks)
         return slurp(joinPath(dir, out + "/peaks.csv"));
     };
     const std::string capture = peaks("cam.ini", "rec.wav");
-    const std::regex atSourceA("\n[0-9]+,[0-9.]+,4,3,");
-    EXPECT_EQ(std::distance(std::sregex_iterator(capture.begin(), capture.end(), atSourceA), {}), 15) << capture;
+    long atSourceA = 0; // frames whose peak is the stronger source's cell
+    for (size_t at = 0; (at = capture.find(",4,3,", at + 1)) != std::string::npos;)
+        ++atSourceA;
+    EXPECT_EQ(atSourceA, 15) << capture;
     for (const char* in : {"mics.wav", "mics.h5", "- < mics.f32"})
         EXPECT_EQ(peaks("cam.ini", in), capture) << in;
     const std::string ring8 = peaks("cam8.ini", "ring.wav");

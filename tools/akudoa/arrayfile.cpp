@@ -182,9 +182,10 @@ int runGeometry(const std::vector<std::string>& argv)
                         std::to_string(want) + " of --channels");
     const ArrayGeometry g = arrayGeometry(mics);
     writeGeometryFile(outPath, g);
+    auto tidy = [](double v) { return std::fabs(v) < 5e-5 ? 0.0 : v; }; // no "-0.0000" from rounding
     std::printf("wrote %s: %zu microphones from %s\n", outPath.c_str(), mics.size(), inPath.c_str());
     std::printf("  aperture %.4f m, radius %.4f m; centre offset (%.4f, %.4f, %.4f) m from the file's origin\n",
-                g.aperture, g.maxRadius, g.centre.x, g.centre.y, g.centre.z);
+                g.aperture, g.maxRadius, tidy(g.centre.x), tidy(g.centre.y), tidy(g.centre.z));
     std::printf("  use it with channel_num = %zu and [MicParam] MicFile = %s\n", mics.size(), outPath.c_str());
     std::printf("  (steering-table cache names do not carry the geometry: give this array a cache directory of its "
                 "own, or turn the cache off)\n");
