@@ -272,8 +272,8 @@ int runImage(const std::vector<std::string>& argv)
         const auto now = std::chrono::steady_clock::now();
         const double window = std::chrono::duration<double>(now - windowStart).count();
         if (window >= 1.0) {
-            const double rate = windowFrames / window;
-            if (rate < realTimeRate && stream->takeWaitSeconds() < 0.1 * window)
+            const double rate = windowFrames / window, waited = stream->takeWaitSeconds();
+            if (rate < realTimeRate && waited < 0.1 * window)
                 std::fprintf(stderr, "akudoa image: behind real time: %.1f frames/s imaged, the input carries %.1f "
                                      "frames/s\n", rate, realTimeRate);
             windowStart = now;
