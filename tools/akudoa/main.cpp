@@ -2,6 +2,7 @@
 //   akudoa simulate ...   write a recording of a scene for a configuration
 //   akudoa image ...      heat maps of a recording
 //   akudoa pickup ...     the sound from one heat-map cell
+//   akudoa geometry ...   a geometry file from microphone positions
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -28,6 +29,8 @@ const Command kCommands[] = {
      &akutool::kImageHelp},
     {"pickup", "mono WAV of the sound from one heat-map cell (or the peak) of a multichannel WAV",
      akutool::runPickup, &akutool::kPickupHelp},
+    {"geometry", "the library's geometry file from microphone positions (text x y [z] or Acoular XML)",
+     akutool::runGeometry, &akutool::kGeometryHelp},
 };
 
 void usage(FILE* to)

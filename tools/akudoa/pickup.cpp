@@ -11,14 +11,16 @@
 #include "camera.h"
 #include "commands.h"
 #include "common.h"
+#include "inputs.h"
 #include "render.h"
 #include "wavio.h"
 
 namespace akutool {
 
 const char* const kPickupHelp =
-    "usage: akudoa pickup --config CAMERA.ini --in RECORDING.wav --out AUDIO.wav\n"
+    "usage: akudoa pickup --config CAMERA.ini --in RECORDING|- --out AUDIO.wav\n"
     "                     (--cell ROW,COL | --peak) [--max-frames N] [--cache DIR] [--verbose]\n"
+    "                     [--raw-format s16|s32|f32]\n"
     "\n"
     "Steers the array at one heat-map cell and writes the beamformed sound from\n"
     "there as a mono 32-bit float WAV at the recording's rate:\n"
@@ -27,7 +29,9 @@ const char* const kPickupHelp =
     "The recording is processed one frame (frame_size samples) at a time; the\n"
     "pickup passes the configured frequency band only. Its output lags the\n"
     "input by half a frame plus 11 samples; that many samples at the start of\n"
-    "AUDIO.wav are the pickup settling, and the file has whole frames only.\n";
+    "AUDIO.wav are the pickup settling, and the file has whole frames only.\n"
+    "Recordings are read as by 'akudoa image' (sound files, HDF5 time data, or\n"
+    "raw samples on standard input with --in -, up to the end of the input).\n";
 
 namespace {
 
@@ -51,7 +55,7 @@ void parseCell(const std::string& text, int& row, int& col)
 
 int runPickup(const std::vector<std::string>& argv)
 {
-    Args args(argv, {"config", "in", "out", "cell", "max-frames", "cache"}, {"peak", "verbose"});
+    Args args(argv, {"config", "in", "out", "cell", "max-frames", "cache", "raw-format"}, {"peak", "verbose"});
     const std::string configPath = args.required("config");
     const std::string inPath = args.required("in");
     const std::string outPath = args.required("out");
@@ -62,8 +66,12 @@ int runPickup(const std::vector<std::string>& argv)
     if (!followPeak)
         parseCell(args.get("cell"), cellRow, cellCol);
     const long maxFrames = args.integer("max-frames", -1);
+    const bool live = inPath == "-";
+    const RawFormat rawFormat = parseRawFormat(args.get("raw-format", "f32"));
 
-    SoundReader wav(inPath);
+    std::unique_ptr<FrameSource> src;
+    if (!live)
+        src = openRecordingFile(inPath);
     if (!isReadableFile(configPath))
         throw ToolError("cannot read " + configPath + ": no such readable file");
 
@@ -73,8 +81,10 @@ int runPickup(const std::vector<std::string>& argv)
     copt.verbose = args.has("verbose");
     Camera cam(configPath, copt);
     AKUDoaKernel& k = cam.kernel();
-    const SoundInfo& in = wav.info();
-    const int channels = cam.layout().captureChannels;
+    if (live)
+        src = std::make_unique<RawStream>(0, rawFormat, k.channelsCount(), k.samlpeRate(), nullptr);
+    const SoundInfo in = src->info();
+    const ArrayLayout lay = cam.layout();
     const int frameSize = k.audioRecoverLength();
     const int rows = k.imgRows(), cols = k.imgCols();
     if (rows <= 1)
@@ -82,37 +92,37 @@ int runPickup(const std::vector<std::string>& argv)
     if (!followPeak && (cellRow < 0 || cellRow >= rows || cellCol < 0 || cellCol >= cols))
         throw UsageError("--cell " + std::to_string(cellRow) + "," + std::to_string(cellCol) +
                          " lies outside the " + std::to_string(rows) + " x " + std::to_string(cols) + " heat map");
-    if (in.channels != channels)
-        throw ToolError(inPath + " has " + std::to_string(in.channels) + " channel(s); " + configPath +
-                        " describes " + std::to_string(k.channelsCount()) + " microphones recorded on " +
-                        std::to_string(channels) + " channels");
+    const std::vector<int> feeds = inputChannelRows(lay, in.channels, live ? "standard input" : inPath);
     if (in.sampleRate != k.samlpeRate())
         throw ToolError(inPath + " is sampled at " + std::to_string(in.sampleRate) + " Hz; " + configPath +
                         " expects " + std::to_string(k.samlpeRate()) + " Hz");
-    long frames = static_cast<long>(in.frames / frameSize);
-    if (frames < 1)
+    long frames = live ? -1 : static_cast<long>(in.frames / frameSize);
+    if (frames == 0)
         throw ToolError(inPath + " holds " + std::to_string(in.frames) +
                         " samples per channel, less than one frame of " + std::to_string(frameSize));
     if (maxFrames >= 0)
-        frames = std::min(frames, maxFrames);
+        frames = frames < 0 ? maxFrames : std::min(frames, maxFrames);
 
-    std::unique_ptr<mat2d_fp32, Mat2dDeleter> frame(create_mat2d_fp32(channels, frameSize));
+    std::unique_ptr<mat2d_fp32, Mat2dDeleter> frame(create_mat2d_fp32(lay.captureChannels, frameSize));
     std::unique_ptr<mat2d_fp32, Mat2dDeleter> heat(create_mat2d_fp32(rows, cols));
     std::unique_ptr<vec_fp32, VecDeleter> spectrum(create_vec_fp32(frameSize / 2 + 1));
     std::unique_ptr<vec_fp32, VecDeleter> audio(create_vec_fp32(frameSize));
-    std::vector<float> inter(static_cast<size_t>(frameSize) * channels);
+    std::vector<float> inter(static_cast<size_t>(frameSize) * in.channels);
     std::vector<float> mono;
-    mono.reserve(static_cast<size_t>(frames) * frameSize);
     std::vector<float> map(static_cast<size_t>(rows) * cols);
 
-    Progress progress("pickup", frames);
-    for (long f = 0; f < frames; ++f) {
-        if (wav.read(inter.data(), frameSize) != frameSize)
-            throw ToolError(inPath + ": the file ended early");
-        for (int c = 0; c < channels; ++c) {
-            float* row = frame->data[c];
+    Progress progress("pickup", live ? 0 : frames);
+    long f = 0;
+    for (; frames < 0 || f < frames; ++f) {
+        if (src->read(inter.data(), frameSize) != frameSize) {
+            if (!live)
+                throw ToolError(inPath + ": the file ended early");
+            break;
+        }
+        for (int c = 0; c < in.channels; ++c) {
+            float* row = frame->data[feeds[c]];
             for (int i = 0; i < frameSize; ++i)
-                row[i] = inter[static_cast<size_t>(i) * channels + c];
+                row[i] = inter[static_cast<size_t>(i) * in.channels + c];
         }
         if (followPeak) {
             if (!k.readHeatMap(frame.get(), heat.get(), spectrum.get(), 0))
@@ -126,9 +136,13 @@ int runPickup(const std::vector<std::string>& argv)
         if (!k.readPickedUpAudioAtCell(frame.get(), audio.get(), fpoint2d{0.0f, cellRow, cellCol}))
             throw ToolError("the library rejected frame " + std::to_string(f) + " for the pickup");
         mono.insert(mono.end(), audio->data, audio->data + frameSize);
-        progress.update(f + 1);
+        if (!live)
+            progress.update(f + 1);
     }
     progress.finish();
+    frames = f;
+    if (frames == 0)
+        throw ToolError("standard input ended before the first whole frame");
     writeWavFloat(outPath, {mono}, in.sampleRate);
 
     double energy = 0;

@@ -1,6 +1,8 @@
 // akudoa simulate: a recording of a scene for the configured array.
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "AKUDoa/akudoa.h"
 #include "args.h"
@@ -14,13 +16,15 @@
 namespace akutool {
 
 const char* const kSimulateHelp =
-    "usage: akudoa simulate --config CAMERA.ini --scene SCENE.ini --out RECORDING.wav\n"
+    "usage: akudoa simulate --config CAMERA.ini --scene SCENE.ini --out RECORDING.wav|-\n"
     "                       [--duration SECONDS] [--rate HZ] [--seed N] [--cache DIR] [--verbose]\n"
     "\n"
     "Writes a 32-bit float WAV with one channel per capture channel of the configured\n"
     "array (128 for the 36/48/64/128-microphone layouts) holding the point sources of\n"
     "the scene in free field: exact fractional delays, 1/r spreading, optional\n"
     "uncorrelated microphone noise. The same scene and seed give the same file.\n"
+    "--out - writes raw interleaved little-endian float32 samples to standard output\n"
+    "instead, one channel per microphone, as 'akudoa image --in -' reads a live array.\n"
     "\n"
     "Scene file (INI; ';' or '#' comments):\n"
     "  [scene]\n"
@@ -41,6 +45,29 @@ const char* const kSimulateHelp =
     "  file = mono.wav           signal file (relative to the scene file), channel = N\n"
     "  level_db = -20            noise/tone RMS in dB full scale (at 1 m for point\n"
     "                            sources); for a file, a gain in dB (default 0)\n";
+
+namespace {
+
+// Position i's channel as channel i of raw little-endian float32 frames.
+void writeRawMicrophones(const std::vector<std::vector<float>>& planes, const ArrayLayout& layout)
+{
+    const size_t mics = layout.channel.size();
+    std::vector<unsigned char> frame(mics * 4);
+    for (size_t t = 0; t < planes[0].size(); ++t) {
+        for (size_t i = 0; i < mics; ++i) {
+            uint32_t u;
+            std::memcpy(&u, &planes[static_cast<size_t>(layout.channel[i])][t], 4);
+            for (int b = 0; b < 4; ++b)
+                frame[i * 4 + b] = static_cast<unsigned char>(u >> (8 * b));
+        }
+        if (std::fwrite(frame.data(), 1, frame.size(), stdout) != frame.size())
+            throw ToolError("write error on standard output");
+    }
+    if (std::fflush(stdout) != 0)
+        throw ToolError("write error on standard output");
+}
+
+} // namespace
 
 int runSimulate(const std::vector<std::string>& argv)
 {
@@ -79,27 +106,35 @@ int runSimulate(const std::vector<std::string>& argv)
         sources.push_back(resolveSource(s, image));
 
     auto planes = simulateScene(scene, sources, layout, rate);
-    writeWavFloat(outPath, planes, rate);
+    // With the samples on standard output the report goes to standard error.
+    FILE* report = stdout;
+    if (outPath == "-") {
+        report = stderr;
+        writeRawMicrophones(planes, layout);
+    } else {
+        writeWavFloat(outPath, planes, rate);
+    }
 
-    std::printf("wrote %s: %zu channels, %d Hz, %.3f s\n", outPath.c_str(), planes.size(), rate,
-                static_cast<double>(planes[0].size()) / rate);
-    std::printf("array: %s\n", cam.describe().c_str());
+    std::fprintf(report, "wrote %s: %zu channels, %d Hz, %.3f s\n", outPath.c_str(),
+                 outPath == "-" ? layout.channel.size() : planes.size(), rate,
+                 static_cast<double>(planes[0].size()) / rate);
+    std::fprintf(report, "array: %s\n", cam.describe().c_str());
     if (rate != cam.kernel().samlpeRate())
-        std::printf("note: %s expects %d Hz; `akudoa image` will refuse this recording with it\n",
+        std::fprintf(report, "note: %s expects %d Hz; `akudoa image` will refuse this recording with it\n",
                     configPath.c_str(), cam.kernel().samlpeRate());
     for (const ResolvedSource& s : sources) {
         int row = -1, col = -1;
         bool known = nearestPixel(image, s.v, row, col);
         const char* kind = s.spec.signal == SignalKind::Noise ? "noise" : s.spec.signal == SignalKind::Tone ? "tone" : "file";
         if (s.planeWave)
-            std::printf("  [%s] %s from direction (%.4f, %.4f, %.4f)", s.spec.name.c_str(), kind, s.v.x, s.v.y,
+            std::fprintf(report, "  [%s] %s from direction (%.4f, %.4f, %.4f)", s.spec.name.c_str(), kind, s.v.x, s.v.y,
                         s.v.z);
         else
-            std::printf("  [%s] %s at (%.3f, %.3f, %.3f) m", s.spec.name.c_str(), kind, s.v.x, s.v.y, s.v.z);
+            std::fprintf(report, "  [%s] %s at (%.3f, %.3f, %.3f) m", s.spec.name.c_str(), kind, s.v.x, s.v.y, s.v.z);
         if (known)
-            std::printf(", expected at heat-map row %d, column %d\n", row, col);
+            std::fprintf(report, ", expected at heat-map row %d, column %d\n", row, col);
         else
-            std::printf("\n");
+            std::fprintf(report, "\n");
     }
     return 0;
 }
