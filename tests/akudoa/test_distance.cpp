@@ -187,7 +187,8 @@ TEST(DistanceEdge, VecPowerSumsWholeGroupsOfFour)
 TEST_F(DistanceKernel, DISABLED_AccuracyTable)
 {
     const int seeds = 5;
-    std::printf("| distance (m) | on axis, averaging off | on axis, averaging on | off axis, averaging off | off axis, averaging on |\n|---|---|---|---|---|\n");
+    std::printf("| distance (m) | on axis, averaging off | on axis, averaging on | off axis, averaging off "
+                "| off axis, averaging on |\n|---|---|---|---|---|\n");
     AKUDoaKernel k[2];
     init(k[0], 128, false, 1);
     init(k[1], 128, true, 1);
