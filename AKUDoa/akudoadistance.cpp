@@ -31,32 +31,41 @@ inline float laneSum(float32x4_t v)
 
 // Beam sum of one candidate: delays holds the M table phases of the
 // candidate, bins one engine spectrum row [re, -im, im, re]. The weight of
-// microphone m is the mean of the phasors at t*f1 and t*f2 (t its table
-// phase); withSine = false drops the imaginary weight.
-inline void beamCandidate(const float* delays, const float* bins, int M, float f1, float f2,
-                          bool withSine, float& re, float& im)
+// microphone m is the phasor at t*f1 (t its table phase), or with `pair` the
+// mean of the phasors at t*f1 and t*f2.
+inline void beamCandidate(const float* delays, const float* bins, int M, float f1, float f2, bool pair,
+                          float& re, float& im)
 {
     const float32x4_t half = vdupq_n_f32(0.5f);
     float32x4_t accRe = vdupq_n_f32(0.0f);
     float32x4_t accIm = vdupq_n_f32(0.0f);
     for (int m = 0; m < M; m += 4) {
         const float32x4_t t = vld1q_f32(delays + m);
-        float32x4_t s1, c1, s2, c2;
-        sincos_ps(vmulq_n_f32(t, f1), &s1, &c1);
-        sincos_ps(vmulq_n_f32(t, f2), &s2, &c2);
-        const float32x4_t wr = vmulq_f32(half, vaddq_f32(c1, c2));
+        float32x4_t wi, wr;
+        sincos_ps(vmulq_n_f32(t, f1), &wi, &wr);
+        if (pair) {
+            float32x4_t s2, c2;
+            sincos_ps(vmulq_n_f32(t, f2), &s2, &c2);
+            wr = vmulq_f32(half, vaddq_f32(wr, c2));
+            wi = vmulq_f32(half, vaddq_f32(wi, s2));
+        }
         const float32x4_t xRe = vld1q_f32(bins + m);
         const float32x4_t xIm = vld1q_f32(bins + 2 * M + m);
         accRe = vmlaq_f32(accRe, wr, xRe);
         accIm = vmlaq_f32(accIm, wr, xIm);
-        if (withSine) {
-            const float32x4_t wi = vmulq_f32(half, vaddq_f32(s1, s2));
-            accRe = vmlaq_f32(accRe, wi, vld1q_f32(bins + M + m));     // -im
-            accIm = vmlaq_f32(accIm, wi, vld1q_f32(bins + 3 * M + m)); // re
-        }
+        accRe = vmlaq_f32(accRe, wi, vld1q_f32(bins + M + m));     // -im
+        accIm = vmlaq_f32(accIm, wi, vld1q_f32(bins + 3 * M + m)); // re
     }
     re = laneSum(accRe);
     im = laneSum(accIm);
+}
+
+// Phase factors of spectrum row `row`: its own bin, or with averaging the
+// two factors 2 row - 1 and 2 row whose phasors are averaged.
+inline void binFactors(int row, bool averaged, float& f1, float& f2)
+{
+    f1 = static_cast<float>(averaged ? 2 * row - 1 : row);
+    f2 = static_cast<float>(2 * row);
 }
 
 } // namespace
@@ -153,8 +162,17 @@ void AKUDoaDistance::initDistance(StCamCfg* cfg)
         float* out = p->delayTable->data[cell];
         for (int i = 0; i < C; ++i) {
             const float dist = p->candidates->data[i];
-            for (int m = 0; m < M; ++m)
-                out[i * M + m] = k * posDistance(dist * tx, dist * ty, dist, micX[m], micY[m], 0.0f);
+            const double fx = dist * tx;
+            const double fy = dist * ty;
+            const double centre = posDistance(dist * tx, dist * ty, dist, 0.0f, 0.0f, 0.0f);
+            for (int m = 0; m < M; ++m) {
+                // r_m - |P| as (|m|^2 - 2 P.m) / (r_m + |P|): no cancellation
+                // of two nearly equal lengths.
+                const double r = posDistance(dist * tx, dist * ty, dist, micX[m], micY[m], 0.0f);
+                const double num = micX[m] * static_cast<double>(micX[m]) + micY[m] * static_cast<double>(micY[m])
+                                 - 2.0 * (fx * micX[m] + fy * micY[m]);
+                out[i * M + m] = static_cast<float>(k * (num / (r + centre)));
+            }
         }
     }
 
@@ -280,11 +298,10 @@ void AKUDoaDistance::matRowDotFp32L1(mat2d_fp32* spectra, int pixel, int row)
     std::memset(out, 0, sizeof(float) * 2 * static_cast<size_t>(C));
     const float* bins = spectra->data[row];
     const float* delays = p->delayTable->data[pixel];
-    const int P = p->freqAverage ? 2 * row : row;
-    const float f1 = static_cast<float>(P - 1);
-    const float f2 = static_cast<float>(P);
+    float f1, f2;
+    binFactors(row, p->freqAverage != 0, f1, f2);
     for (int i = kCoarseFirst; i < C; i += kCoarseStep)
-        beamCandidate(delays + static_cast<size_t>(i) * M, bins, M, f1, f2, true, out[i], out[C + i]);
+        beamCandidate(delays + static_cast<size_t>(i) * M, bins, M, f1, f2, p->freqAverage != 0, out[i], out[C + i]);
 }
 
 void AKUDoaDistance::matRowDotFp32L2(mat2d_fp32* spectra, int pixel, int row, int first, int last)
@@ -297,12 +314,10 @@ void AKUDoaDistance::matRowDotFp32L2(mat2d_fp32* spectra, int pixel, int row, in
     const float* bins = spectra->data[row];
     const float* delays = p->delayTable->data[pixel];
     const bool averaged = p->freqAverage != 0;
-    const int P = averaged ? 2 * row : row;
-    const float f1 = static_cast<float>(P - 1);
-    const float f2 = static_cast<float>(P);
+    float f1, f2;
+    binFactors(row, averaged, f1, f2);
     first = std::max(first, 0);
     last = std::min(last, C);
-    // The averaged fine pass steers with the cosine weights alone.
     for (int i = first; i < last; ++i)
-        beamCandidate(delays + static_cast<size_t>(i) * M, bins, M, f1, f2, !averaged, out[i], out[C + i]);
+        beamCandidate(delays + static_cast<size_t>(i) * M, bins, M, f1, f2, averaged, out[i], out[C + i]);
 }

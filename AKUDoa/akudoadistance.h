@@ -12,9 +12,19 @@ struct AKUDoaDistancePrivate;
 //
 // initDistance precomputes, for every pixel of a small measurement grid
 // around the image centre, every candidate distance (0.10 m to 2.65 m in
-// 1 cm steps) and every microphone, the phase k * |focal point - mic|
+// 1 cm steps) and every microphone, the phase k * (|P - mic| - |P|) of the
+// focal point P relative to its own path to the array centre
 // (k = 2 pi * 96000 / (N * 340) rad per metre and bin; the 96 kHz and the
-// 340 m/s are part of the model whatever the configured sample rate).
+// 340 m/s are part of the model whatever the configured sample rate). A
+// candidate distance is the depth of P: P = d * (tan row, tan col, 1), so an
+// off-axis source is reported at its distance from the array plane, as the
+// imaging engines' focus distance is.
+// Why relative: the common part |P| cancels in the power of a single phasor,
+// but the averaged weights below are the mean of two phasors t apart, whose
+// magnitude |cos(t/2)| on the absolute path damped every candidate's power by
+// cos^2(0.87 d) (zero near 1.8 m) and pulled the sweep toward short
+// candidates whatever the source did. On the relative path t is at most
+// about 0.1 rad and the mean keeps its magnitude at every candidate.
 // executeDoa then beamforms the engine's per-bin spectra (the layout of
 // getFFTMean: [re, -im, im, re] of the M channels) toward the target pixel at
 // 16 candidates 16 cm apart, and again at the 16 candidates around the best
@@ -39,20 +49,15 @@ struct AKUDoaDistancePrivate;
 // untouched.
 //
 // Weights. Spectrum row b of the engine is FFT bin b, or the sum of bins 2b
-// and 2b+1 with frequency averaging. Both passes steer with the mean of the
-// two phasors at phase factors P-1 and P, P = 2b with averaging and P = b
-// without (so one band entry gets the same weights either way):
-//   wr = 0.5 (cos(t (P-1)) + cos(t P)),  wi = 0.5 (sin(t (P-1)) + sin(t P)),
-//   t = table phase of the microphone;
+// and 2b+1 with frequency averaging. Without averaging a microphone's weight
+// is the single phasor of the bin, e^{j t b}; with averaging it is the mean of
+// the phasors at 2b - 1 and 2b, the factors the planar engine steers those
+// rows with (t = table phase of the microphone):
+//   wr + j wi = e^{j t b}   or   0.5 (e^{j t (2b-1)} + e^{j t 2b}),
 //   Re = sum(wr re - wi im), Im = sum(wr im + wi re).
-// The one exception is the averaged fine pass, whose dot products use wr only
-// (Re = sum(wr re), Im = sum(wr im)); this is the library's defined
-// behaviour. Note that the mean of two phasors t apart has the magnitude
-// |cos(t/2)|, and t is about 1.73 * d at N = 1024, so every candidate's power
-// carries the factor cos^2(0.87 d) on top of its focusing gain. The array's
-// depth focusing is weak beyond a few tens of centimetres, so that factor
-// decides there: measured on a simulated 64-microphone array, sources up to
-// 0.25 m come out within 2 cm, sources from 0.5 m to 2.2 m at 0.41-0.56 m.
+// Both passes use the full complex weight: dropping the sine weight (cosine
+// weights alone) mixes in the mirrored steering and biased averaged
+// estimates by about a decimetre.
 //
 // Thread safety: one measurement at a time per object (the kernel holds its
 // engine lock). executeDoa forks the OpenMP pool over the band entries.

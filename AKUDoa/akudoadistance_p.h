@@ -9,7 +9,7 @@
 // by the object.
 struct AKUDoaDistancePrivate {
     vec_fp32* candidates = nullptr;   // C candidate distances, metres
-    mat2d_fp32* delayTable = nullptr; // (R*C cells) x (C candidates * M): k * path, rad per bin
+    mat2d_fp32* delayTable = nullptr; // (R*C cells) x (C candidates * M): k * (path - |P|), rad per bin
     mat2d_fp32* coarseResult = nullptr; // bins x 2C: per bin Re at i, Im at C + i
     mat2d_fp32* fineResult = nullptr;   // the same for the fine pass
     vec_fp32* coarsePower = nullptr;    // C: band-summed power per candidate
