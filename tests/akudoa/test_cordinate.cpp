@@ -40,10 +40,9 @@ TEST(Cordinate, AffineTableAndResampling)
                 const double u = c.u0 + c.ui * i + c.uj * j, v = c.v0 + c.vi * i + c.vj * j;
                 ASSERT_NEAR(table[2 * (i * cols + j)], u, 1e-5) << c.factor << " " << i << "," << j;
                 ASSERT_NEAR(table[2 * (i * cols + j) + 1], v, 1e-5) << c.factor << " " << i << "," << j;
-                if (u < 0) // both before the first cell: the corner scaled twice
-                    EXPECT_NEAR(out.m->data[i][j], (1 + u) * (1 + v) * raw.m->data[0][0], 1e-4 * (1 + std::fabs(out.m->data[i][j])));
-                else if (u <= rows - 1 && v <= cols - 1)
-                    EXPECT_NEAR(out.m->data[i][j], 3.0 * u + 5.0 * v - 13.5, 1e-4) << i << "," << j;
+                // Both before the first cell: the corner scaled twice; inside: exact on the linear map.
+                const double want = u < 0 ? (1 + u) * (1 + v) * raw.m->data[0][0] : 3.0 * u + 5.0 * v - 13.5;
+                EXPECT_NEAR(out.m->data[i][j], want, 1e-4 * (1 + std::fabs(want))) << c.factor << " " << i << "," << j;
             }
     }
     // Half a row beyond the last row.
