@@ -5,7 +5,7 @@
 
 #include <cmath>
 #include <complex>
-#include <cstring>
+#include <numeric>
 #include <random>
 #include <vector>
 
@@ -32,31 +32,28 @@ std::vector<float> hann(int n)
     return w;
 }
 
-// Feeds a long array-ordered recording (M x k N) frame by frame; returns the output.
-std::vector<float> runStream(AKUDoaPickupV4& p, AKUDoaFreqBands& bands, const StCamCfg& cfg, const mat2d_fp32* rec)
+// Output of a fresh pickup (Hann window of `win` samples, target (r, c))
+// over an array-ordered recording of whole frames.
+std::vector<float> listen(StCamCfg& cfg, AKUDoaFreqBands& bands, const mat2d_fp32* rec, int r, int c, int win)
 {
-    const int n = cfg.frameSize, mics = cfg.channelNum;
-    mat2d_fp32* fr = create_mat2d_fp32(mics, n);
-    vec_fp32* out = create_vec_fp32(n);
-    std::vector<float> all;
-    for (int f = 0; f < rec->cols / n; ++f) {
-        for (int m = 0; m < mics; ++m)
-            std::memcpy(fr->data[m], rec->data[m] + f * n, sizeof(float) * n);
-        p.executePickup(fr, bands, out);
-        all.insert(all.end(), out->data, out->data + n);
+    const int n = cfg.frameSize;
+    std::vector<float> w = hann(win), all(rec->cols);
+    std::vector<float*> rows(rec->rows);
+    AKUDoaPickupV4 p;
+    p.initPickup(&cfg);
+    p.updateFFTWin(w.data(), win);
+    p.initTargetPoint(r, c);
+    for (int f = 0; f + n <= rec->cols; f += n) {
+        for (int m = 0; m < rec->rows; ++m)
+            rows[m] = rec->data[m] + f;
+        mat2d_fp32 frame{rec->rows, n, rows.data()};
+        vec_fp32 out{n, all.data() + f};
+        p.executePickup(&frame, bands, &out);
     }
-    destroy_mat2d_fp32(fr);
-    destroy_vec_fp32(out);
     return all;
 }
 
-double energy(const std::vector<float>& x, size_t from)
-{
-    double e = 0;
-    for (size_t i = from; i < x.size(); ++i)
-        e += double(x[i]) * x[i];
-    return e;
-}
+double energy(const std::vector<float>& x, size_t from) { return std::inner_product(x.begin() + from, x.end(), x.begin() + from, 0.0); }
 
 } // namespace
 
@@ -74,8 +71,7 @@ TEST(PickupV4, TargetMappingAndShortcuts)
     AKUDoaPickupV4 p, q;
     p.initPickup(&cfg);
     q.initPickup(&cfg);
-    AKUDoaPickupV4Private* d = AKUDoaPickupV4Access::d(p);
-    AKUDoaPickupV4Private* dq = AKUDoaPickupV4Access::d(q);
+    AKUDoaPickupV4Private *d = AKUDoaPickupV4Access::d(p), *dq = AKUDoaPickupV4Access::d(q);
     EXPECT_TRUE(d->targetRow == 4 && d->targetCol == 3); // the centre, unmapped
     const struct { int mode, row, col, er, ec; } cases[] = {
         {0, 2, 5, 2, 5}, {1, 2, 5, 6, 1}, {2, 2, 5, 2, 1}, {3, 2, 5, 6, 5}, {1, 8, 6, 0, 0}, {1, 0, 0, 8, 6},
@@ -104,8 +100,7 @@ TEST(PickupV4, TargetMappingAndShortcuts)
     EXPECT_TRUE(d->targetRow == 2 && d->targetCol == 5);
     p.steerTo(6, 1);
     EXPECT_EQ(d->micDelay->data[0], steered);
-    for (int m = 0; m < 8; ++m)
-        EXPECT_EQ(d->micDelay->data[m], dq->micDelay->data[m]);
+    EXPECT_EQ(std::vector<float>(d->micDelay->data, d->micDelay->data + 8), std::vector<float>(dq->micDelay->data, dq->micDelay->data + 8));
     q.steerTo(-1, 3);
     EXPECT_TRUE(dq->targetRow == 4 && dq->targetCol == 3);
 }
@@ -113,36 +108,29 @@ TEST(PickupV4, TargetMappingAndShortcuts)
 TEST(PickupV4, SincTapsAndVectorFir)
 {
     // 24 taps of a delay d: raised-cosine windowed sinc centred on 11 + d, stored reversed.
-    const std::vector<float> ds = {0.25f, -3.6f, 7.5f, 0.999f};
-    vec_fp32* delays = create_vec_fp32(4);
+    std::vector<float> ds = {0.25f, -3.6f, 7.5f, 0.999f};
+    vec_fp32 delays{4, ds.data()};
     mat2d_fp32* taps = create_mat2d_fp32(4, 24);
-    std::copy(ds.begin(), ds.end(), delays->data);
-    AKUDoaPickupV4Private::fir_sinctap_param_create(delays, taps);
+    AKUDoaPickupV4Private::fir_sinctap_param_create(&delays, taps);
     for (int m = 0; m < 4; ++m)
         for (int t = 0; t < 24; ++t) {
             const double x = double(t) - ds[m] + 1.0, s = (x - 12.0) * kPi;
             EXPECT_NEAR(taps->data[m][23 - t], (0.54 - 0.46 * std::cos((x + 0.5) * 2 * kPi / 24.0)) * std::sin(s) / s, 2e-6) << ds[m] << " t " << t;
         }
-    destroy_vec_fp32(delays);
     destroy_mat2d_fp32(taps);
 
     // Four fused lanes per output in the same order: bit-identical; 37 leaves a scalar tail.
     std::mt19937 rng(11);
     std::uniform_real_distribution<float> u(-1.f, 1.f);
     for (int nOut : {4, 37, 256}) {
-        std::vector<std::vector<float>> h(8, std::vector<float>(nOut + 23)), t(8, std::vector<float>(24));
+        std::vector<float> h(8 * (nOut + 23)), t(8 * 24), a(nOut), b(nOut);
         std::vector<float*> hp, tp;
-        for (int m = 0; m < 8; ++m) {
-            for (float& v : h[m])
-                v = u(rng);
-            for (float& v : t[m])
-                v = u(rng);
-            hp.push_back(h[m].data());
-            tp.push_back(t[m].data());
-        }
-        std::vector<float> a(nOut), b(nOut);
-        for (int i = 0; i < nOut; ++i)
-            a[i] = b[i] = u(rng);
+        for (std::vector<float>* v : {&h, &t, &a})
+            for (float& x : *v)
+                x = u(rng);
+        for (int m = 0; m < 8; ++m)
+            hp.push_back(&h[m * (nOut + 23)]), tp.push_back(&t[m * 24]);
+        b = a;
         akudoa_pickup_fir_sum(hp.data(), tp.data(), 8, nOut, a.data());
         akudoa_pickup_fir_sum_ref(hp.data(), tp.data(), 8, nOut, b.data());
         EXPECT_EQ(a, b) << "n_out " << nOut;
@@ -158,10 +146,9 @@ TEST(PickupV4, FramePathMatchesPlainModel)
     StCamCfg cfg = akugrid_camera(mics, 8, 6, n);
     AKUDoaFreqBands bands(n, 96000);
     bands.updateBands({{15000, 30000, 1}, {40000, 41000, 1}});
-    std::vector<float> w = hann(n);
-    AKUDoaPickupV4 p;
+    const std::vector<float> w = hann(n);
+    AKUDoaPickupV4 p; // the taps of target (1, 5)
     p.initPickup(&cfg);
-    p.updateFFTWin(w.data(), n);
     p.initTargetPoint(1, 5);
     float* const* taps = AKUDoaPickupV4Access::d(p)->taps->data;
     auto filtered = [&](const std::vector<double>& x) {
@@ -183,7 +170,7 @@ TEST(PickupV4, FramePathMatchesPlainModel)
     for (int m = 0; m < mics; ++m)
         for (int i = 0; i < 5 * n; ++i)
             rec->data[m][i] = u(rng);
-    const std::vector<float> got = runStream(p, bands, cfg, rec);
+    const std::vector<float> got = listen(cfg, bands, rec, 1, 5, n);
     for (int f = 0; f < 5; ++f) {
         std::vector<double> sum(n, 0.0), half(n), want(n);
         for (int m = 0; m < mics; ++m) {
@@ -222,11 +209,7 @@ TEST(PickupV4, SilentWithoutBandsOrWindow)
     const struct { bool full; int windowLength; bool silent; } cases[] = {{false, 256, true}, {true, 256, false}, {true, 255, true}};
     for (const auto& c : cases) {
         cfg.pickupFullBand = c.full;
-        std::vector<float> w = hann(c.windowLength);
-        AKUDoaPickupV4 p;
-        p.initPickup(&cfg);
-        p.updateFFTWin(w.data(), c.windowLength);
-        const double e = energy(runStream(p, empty, cfg, rec), 512);
+        const double e = energy(listen(cfg, empty, rec, 4, 3, c.windowLength), 512);
         EXPECT_TRUE(c.silent ? e == 0.0 : e > 1.0) << "full band " << c.full << " window " << c.windowLength << " energy " << e;
     }
     destroy_mat2d_fp32(rec);
@@ -246,7 +229,6 @@ TEST(PickupV4, HeardBestWhereTheHeatMapShowsTheSource)
         cfg.rotateMode = c.mode;
         AKUDoaFreqBands bands(n, 96000);
         bands.updateBands({{20000, 40000, 1}});
-        std::vector<float> w = hann(n);
         mat2d_fp32* rec = akusim_frame(akusim_array_from_cfg(cfg), {akugrid_far_source(cfg, c.k, c.c, 50 + c.k)}, 96000, n * 4);
         int i, j;
         akugrid_rotated(c.mode, rows, cols, c.k, c.c, i, j);
@@ -255,11 +237,7 @@ TEST(PickupV4, HeardBestWhereTheHeatMapShowsTheSource)
         std::pair<int, int> heard{-1, -1};
         for (int r = 0; r <= rows; ++r)
             for (int col = 0; col <= cols; ++col) {
-                AKUDoaPickupV4 p;
-                p.initPickup(&cfg);
-                p.updateFFTWin(w.data(), n);
-                p.initTargetPoint(r, col);
-                const double e = energy(runStream(p, bands, cfg, rec), 2 * n);
+                const double e = energy(listen(cfg, bands, rec, r, col, n), 2 * n);
                 if (e > best)
                     best = e, heard = {r, col};
             }

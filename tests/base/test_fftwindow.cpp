@@ -55,21 +55,15 @@ TEST(FFTWindow, QuirksAndLimits)
     for (int i = 0; i < 8; ++i) // even length: centred on sample N/2
         gauss8[i] = static_cast<float>(std::exp(-0.5 * std::pow((i - 4) * 5.0 / 7, 2)));
     const struct { int type, n; float p1, p3; std::vector<float> want; float tol; } cases[] = {
-        // Even Bartlett: the rising half stops one sample before the centre.
-        {FFT_WINDOW_BARTLETT, 4, 0, 0, {0.0f, 1.3333334f, 0.6666666f, 0.0f}, 1.2e-7f},
-        {FFT_WINDOW_BARTLETT, 6, 0, 0, {0.0f, 0.4f, 1.2f, 0.8f, 0.4f, 0.0f}, 1.2e-7f},
-        // Even Parzen runs over offsets -(N/2-1) .. N/2.
-        {FFT_WINDOW_PARZEN, 4, 0, 0, {0.25f, 1.0f, 0.25f, 0.0f}, 0},
-        {FFT_WINDOW_PARZEN, 6, 0, 0, {2.0f / 27, 5.0f / 9, 1.0f, 5.0f / 9, 2.0f / 27, 0.0f}, 1e-7f},
+        // Even Bartlett: the rising half stops one sample before the centre; even Parzen runs over -(N/2-1) .. N/2.
+        {FFT_WINDOW_BARTLETT, 4, 0, 0, {0.0f, 1.3333334f, 0.6666666f, 0.0f}, 1.2e-7f}, {FFT_WINDOW_BARTLETT, 6, 0, 0, {0.0f, 0.4f, 1.2f, 0.8f, 0.4f, 0.0f}, 1.2e-7f},
+        {FFT_WINDOW_PARZEN, 4, 0, 0, {0.25f, 1.0f, 0.25f, 0.0f}, 0}, {FFT_WINDOW_PARZEN, 6, 0, 0, {2.0f / 27, 5.0f / 9, 1.0f, 5.0f / 9, 2.0f / 27, 0.0f}, 1e-7f},
         {FFT_WINDOW_GAUSSIAN, 8, 2.5f, 0, gauss8, 1e-6f},
         {FFT_WINDOW_CHEBYSHEV, 3, 0, 60.0f, {float(cheb3), 1.0f, float(cheb3)}, 1e-6f},
         {FFT_WINDOW_CHEBYSHEV, 16, 0, -70.0f, makeWindow(16, FFT_WINDOW_CHEBYSHEV, 0, 70.0f), 0}, // sign ignored
-        {FFT_WINDOW_TUKEY, 512, 0, 0.0f, makeWindow(512, FFT_WINDOW_RECTANGULAR, 0, 0), 0},
-        {FFT_WINDOW_TUKEY, 512, 0, -0.5f, makeWindow(512, FFT_WINDOW_RECTANGULAR, 0, 0), 0},
-        {FFT_WINDOW_TUKEY, 512, 0, 1.0f, makeWindow(512, FFT_WINDOW_HANN, 0, 0), 0},
-        {FFT_WINDOW_TUKEY, 512, 0, 1.5f, makeWindow(512, FFT_WINDOW_HANN, 0, 0), 0},
-        {0, 7, 2.0f, 0.5f, std::vector<float>(7, 1.0f), 0}, {15, 7, 2.0f, 0.5f, std::vector<float>(7, 1.0f), 0},
-        {99, 7, 2.0f, 0.5f, std::vector<float>(7, 1.0f), 0}, // unknown types: rectangular
+        {FFT_WINDOW_TUKEY, 512, 0, 0.0f, makeWindow(512, FFT_WINDOW_RECTANGULAR, 0, 0), 0}, {FFT_WINDOW_TUKEY, 512, 0, -0.5f, makeWindow(512, FFT_WINDOW_RECTANGULAR, 0, 0), 0},
+        {FFT_WINDOW_TUKEY, 512, 0, 1.0f, makeWindow(512, FFT_WINDOW_HANN, 0, 0), 0}, {FFT_WINDOW_TUKEY, 512, 0, 1.5f, makeWindow(512, FFT_WINDOW_HANN, 0, 0), 0},
+        {0, 7, 2.0f, 0.5f, std::vector<float>(7, 1.0f), 0}, {15, 7, 2.0f, 0.5f, std::vector<float>(7, 1.0f), 0}, {99, 7, 2.0f, 0.5f, std::vector<float>(7, 1.0f), 0},
     };
     for (const auto& c : cases) {
         const std::vector<float> w = makeWindow(c.n, c.type, c.p1, c.p3);
@@ -87,10 +81,8 @@ TEST(FFTWindow, QuirksAndLimits)
         }
     // Empty and negative lengths write nothing (the buffer is null).
     for (int type = 0; type <= 15; ++type)
-        for (int n : {0, -3}) {
-            AKUFFTWindow win(n, static_cast<FFTWindowType>(type), 2.5f, 0, 0.2f);
-            EXPECT_EQ(win.winLength(), n);
-        }
+        for (int n : {0, -3})
+            EXPECT_EQ(AKUFFTWindow(n, static_cast<FFTWindowType>(type), 2.5f, 0, 0.2f).winLength(), n);
     // Too short for the Chebyshev series: rejected, zeros left.
     AKUFFTWindow two(2, FFT_WINDOW_HANN, 0, 0, 0);
     EXPECT_FALSE(two.setWindowType(FFT_WINDOW_CHEBYSHEV, 0, 0, 60.0f));
@@ -105,36 +97,8 @@ TEST(FFTWindow, CustomSamplesAndRegeneration)
     vec_fp32 v{4, samples.data()};
     AKUFFTWindow b(&v);
     samples[1] = -1.0f;
-    EXPECT_EQ(b.windowType(), FFT_WINDOW_CUSTOM);
-    EXPECT_EQ(b.data()->data[1], 0.5f);
+    EXPECT_TRUE(b.windowType() == FFT_WINDOW_CUSTOM && b.data()->data[1] == 0.5f);
     vec_fp32* before = b.data();
-    ASSERT_TRUE(b.setWindowType(FFT_WINDOW_HAMMING, 0, 0, 0));
-    EXPECT_EQ(b.data(), before);
+    EXPECT_TRUE(b.setWindowType(FFT_WINDOW_HAMMING, 0, 0, 0) && b.data() == before);
     EXPECT_EQ(std::vector<float>(b.data()->data, b.data()->data + 4), makeWindow(4, FFT_WINDOW_HAMMING, 0, 0));
-}
-
-// A Dolph-Chebyshev window has equiripple side lobes exactly at the
-// requested attenuation: the highest lies within 0.05 dB of -A.
-TEST(FFTWindow, ChebyshevSideLobesAtRequestedLevel)
-{
-    for (int n : {31, 64})
-        for (float A : {60.0f, 80.0f}) {
-            const std::vector<float> w = makeWindow(n, FFT_WINDOW_CHEBYSHEV, 0, A);
-            std::vector<double> mag(4097);
-            for (int k = 0; k <= 4096; ++k) {
-                double re = 0.0, im = 0.0;
-                for (int i = 0; i < n; ++i) {
-                    re += w[i] * std::cos(M_PI * k * i / 4096);
-                    im -= w[i] * std::sin(M_PI * k * i / 4096);
-                }
-                mag[k] = std::hypot(re, im);
-            }
-            size_t k = 1;
-            while (k < mag.size() && mag[k] < mag[k - 1])
-                ++k; // end of the main lobe
-            double side = 0.0;
-            for (; k < mag.size(); ++k)
-                side = std::max(side, mag[k]);
-            EXPECT_NEAR(20.0 * std::log10(side / mag[0]), -A, 0.05) << "N " << n << " A " << A;
-        }
 }
