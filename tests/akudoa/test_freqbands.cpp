@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <thread>
-#include <vector>
 
 #include "AKUDoa/akudoafreqbands.h"
 
@@ -17,15 +16,14 @@ std::vector<int> binsOf(const std::vector<doaFreqInfo>& v)
     return out;
 }
 
-std::vector<int> range(int from, int to, int step = 1)
+// from, from + step, ... up to `to`, then the extra bins.
+std::vector<int> range(int from, int to, int step = 1, std::vector<int> extra = {})
 {
     std::vector<int> out;
     for (int b = from; b <= to; b += step)
         out.push_back(b);
-    return out;
+    return out.insert(out.end(), extra.begin(), extra.end()), out;
 }
-
-std::vector<int> operator+(std::vector<int> a, const std::vector<int>& b) { return a.insert(a.end(), b.begin(), b.end()), a; }
 
 } // namespace
 
@@ -40,7 +38,7 @@ TEST(FreqBands, BinsAndEdges)
         {1024, 48000, {{-500, 100, 1}}, range(0, 2), 100, 0, range(0, 2)},
         // A degenerate band adds one bin but does not move the recorded edges.
         {1024, 48000, {{24000, 30000, 1}}, {512}, 0, 999999, {576}},
-        {1024, 48000, {{1000, 2000, 1}, {3000, 3000, 1}}, range(21, 42) + std::vector<int>{64}, 2000, 1000, range(24, 48) + std::vector<int>{72}},
+        {1024, 48000, {{1000, 2000, 1}, {3000, 3000, 1}}, range(21, 42, 1, {64}), 2000, 1000, range(24, 48, 1, {72})},
         {1024, 48000, {{25000, 30000, 1}, {5000, 4000, 1}}, {}, 0, 999999, {}},
         {1024, 48000, {}, {}, 0, 999999, {}},
         {1024, 1024, {{10, 20, 3}}, {10, 13, 16, 19}, 20, 10, {11, 14, 17, 20}},
@@ -91,9 +89,8 @@ TEST(FreqBands, BlackListAndItsCache)
     EXPECT_EQ(binsOf(fb.data()), range(10, 14));
     AKUDoaFreqBands hz(1024, 48000);
     hz.enableBlackList();
-    hz.addBlackList(1000);
-    hz.addBlackList(1010);
-    hz.addBlackList(2000);
+    for (int f : {1000, 1010, 2000}) // hertz to bins as for the bands
+        hz.addBlackList(f);
     EXPECT_EQ(binsOf(hz.getBlackList()), (std::vector<int>{21, 42}));
 }
 

@@ -3,16 +3,15 @@
 // double-precision model, and where a simulated source is heard best.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <numeric>
 #include <random>
-#include <vector>
 
-#include "AKUDoa/akudoacamcfg.h"
 #include "AKUDoa/akudoafreqbands.h"
-#include "AKUDoa/akudoapickupv4.h"
 #include "AKUDoa/akudoapickupv4_p.h"
+#include "AKUDoa/base/akufftwindow.h"
 #include "support/akudoagrid.h"
 
 // White-box access to the pickup's private record.
@@ -24,12 +23,11 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 
+// The symmetric Hann window, the kernel's pickup default.
 std::vector<float> hann(int n)
 {
-    std::vector<float> w(n);
-    for (int i = 0; i < n; ++i)
-        w[i] = static_cast<float>(0.5 - 0.5 * std::cos(2.0 * kPi * i / (n - 1)));
-    return w;
+    AKUFFTWindow w(n, FFT_WINDOW_HANN, 0, 0, 0);
+    return std::vector<float>(w.data()->data, w.data()->data + n);
 }
 
 // Output of a fresh pickup (Hann window of `win` samples, target (r, c))
@@ -60,16 +58,13 @@ double energy(const std::vector<float>& x, size_t from) { return std::inner_prod
 TEST(PickupV4, TargetMappingAndShortcuts)
 {
     // Whole samples per metre: 96000 / 340 is 282, not 282.35.
-    for (auto [rate, spm] : {std::pair<int, float>{96000, 282.f}, {48000, 141.f}, {44100, 129.f}}) {
-        StCamCfg cfg = akugrid_camera(8, 8, 6, 64);
+    StCamCfg cfg = akugrid_camera(8, 8, 6, 64);
+    AKUDoaPickupV4 p, q;
+    for (auto [rate, spm] : {std::pair<int, float>{48000, 141.f}, {44100, 129.f}, {96000, 282.f}}) {
         cfg.sampleFrequency = rate;
-        AKUDoaPickupV4 p;
         p.initPickup(&cfg);
         EXPECT_EQ(AKUDoaPickupV4Access::d(p)->micReach->data[3], cfg.micRadius[3] * spm) << rate;
     }
-    StCamCfg cfg = akugrid_camera(8, 8, 6, 64);
-    AKUDoaPickupV4 p, q;
-    p.initPickup(&cfg);
     q.initPickup(&cfg);
     AKUDoaPickupV4Private *d = AKUDoaPickupV4Access::d(p), *dq = AKUDoaPickupV4Access::d(q);
     EXPECT_TRUE(d->targetRow == 4 && d->targetCol == 3); // the centre, unmapped
@@ -92,9 +87,8 @@ TEST(PickupV4, TargetMappingAndShortcuts)
     const float steered = d->micDelay->data[0];
     d->micDelay->data[0] = 99.f;
     p.initTargetPoint(6, 1);
-    EXPECT_EQ(d->micDelay->data[0], 99.f);
-    EXPECT_TRUE(d->targetRow == 6 && d->targetCol == 1);
-    // steerTo takes stored coordinates: no mapping.
+    EXPECT_TRUE(d->micDelay->data[0] == 99.f && d->targetRow == 6 && d->targetCol == 1);
+    // steerTo takes stored coordinates: no mapping; outside is the centre.
     q.steerTo(6, 1);
     p.steerTo(2, 5);
     EXPECT_TRUE(d->targetRow == 2 && d->targetCol == 5);
@@ -162,24 +156,19 @@ TEST(PickupV4, FramePathMatchesPlainModel)
         }
         return out;
     };
-    std::vector<std::vector<double>> hist(mics, std::vector<double>(n + 23));
     std::vector<double> prevSum(n), prevOut(n);
     std::mt19937 rng(3);
     std::uniform_real_distribution<float> u(-1.f, 1.f);
     mat2d_fp32* rec = create_mat2d_fp32(mics, 5 * n);
     for (int m = 0; m < mics; ++m)
-        for (int i = 0; i < 5 * n; ++i)
-            rec->data[m][i] = u(rng);
+        std::generate(rec->data[m], rec->data[m] + 5 * n, [&] { return u(rng); });
     const std::vector<float> got = listen(cfg, bands, rec, 1, 5, n);
     for (int f = 0; f < 5; ++f) {
         std::vector<double> sum(n, 0.0), half(n), want(n);
-        for (int m = 0; m < mics; ++m) {
-            std::copy(hist[m].begin() + n, hist[m].end(), hist[m].begin());
-            std::copy(rec->data[m] + f * n, rec->data[m] + (f + 1) * n, hist[m].begin() + 23);
+        for (int m = 0; m < mics; ++m) // over the 23 samples carried from the previous frame (zeros at first)
             for (int i = 0; i < n; ++i)
-                for (int k = 0; k < 24; ++k)
-                    sum[i] += hist[m][i + k] * taps[m][k];
-        }
+                for (int k = 0, t = f * n + i - 23; k < 24; ++k, ++t)
+                    sum[i] += t < 0 ? 0.0 : rec->data[m][t] * taps[m][k];
         for (int i = 0; i < n / 2; ++i)
             half[i] = prevSum[n / 2 + i], half[n / 2 + i] = sum[i];
         const std::vector<double> o0 = filtered(sum), o1 = filtered(half);

@@ -2,9 +2,6 @@
 
 #include <cmath>
 #include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "AKUDoa/base/akufftwindow.h"
 

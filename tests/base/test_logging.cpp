@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include "AKUDoa/base/akudoalogging.h"
 

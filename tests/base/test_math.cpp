@@ -1,16 +1,13 @@
 // Four-lane math: documented special values, bit-for-bit agreement with the
 // one-lane references, accuracy against double precision, and the NEON
-// semantics of the portability shims the math relies on.
+// semantics of the portability shims that the references do not share.
 
 #include <gtest/gtest.h>
 
 #include <cfloat>
 #include <cmath>
-#include <cstdint>
 #include <cstring>
-#include <limits>
 #include <random>
-#include <vector>
 
 #include "AKUDoa/base/akudoamath.h"
 #include "AKUDoa/base/akudoamath_p.h"
@@ -157,10 +154,8 @@ TEST(SimdMath, AccuracyAgainstDoublePrecision)
 
 TEST(SimdMath, NeonShimSemantics)
 {
-    const int32_t s[4] = {-8, -1, 7, INT32_MIN};
     const uint32_t big[4] = {UINT32_MAX, 0x80000001u, 16777217u, 16777219u};
     const int32_t sv[4] = {-16777219, INT32_MIN, INT32_MAX, 7};
-    const uint32_t m[4] = {0xffff0000u, 0u, 0xffffffffu, 0x80000000u};
     const float b = 1.0f + std::ldexp(1.0f, -12), a = 1.0f + std::ldexp(1.0f, -11), t = std::ldexp(1.0f, -24);
     const struct { const char* name; std::vector<uint32_t> got, want; } cases[] = {
         // Conversions truncate, saturate and turn NaN into 0; int to float rounds to nearest even.
@@ -170,18 +165,12 @@ TEST(SimdMath, NeonShimSemantics)
         {"cvt_u32 sat", lanes(vcvtq_u32_f32(vec(3e9f, 2147483648.0f, 4294967040.0f, 5e9f))), {3000000000u, 2147483648u, 4294967040u, UINT32_MAX}},
         {"cvt_f32_u32", lanes(vcvtq_f32_u32(vld1q_u32(big))), fl(4294967296.0f, 2147483648.0f, 16777216.0f, 16777220.0f)},
         {"cvt_f32_s32", lanes(vcvtq_f32_s32(vld1q_s32(sv))), fl(-16777220.0f, -2147483648.0f, 2147483648.0f, 7.0f)},
-        // Signed zeros ordered, NaN propagated (checked below).
+        // Signed zeros ordered; NaN propagated (rows below).
         {"max", lanes(vmaxq_f32(vec(0.0f, -0.0f, -3.0f, -1e30f), vec(-0.0f, 0.0f, -4.0f, 1e-30f))), fl(0.0f, 0.0f, -3.0f, 1e-30f)},
         {"min", lanes(vminq_f32(vec(0.0f, -0.0f, -3.0f, 5.0f), vec(-0.0f, 0.0f, -4.0f, 5.0f))), fl(-0.0f, -0.0f, -4.0f, 5.0f)},
         // Fused: (1 + 2^-12)^2 - (1 + 2^-11) = 2^-24 survives only without the intermediate rounding.
         {"fma/fms/mla/mls", {lanes(vfmaq_f32(vdupq_n_f32(-a), vdupq_n_f32(b), vdupq_n_f32(b)))[0], lanes(vfmsq_f32(vdupq_n_f32(a), vdupq_n_f32(b), vdupq_n_f32(b)))[0],
                               lanes(vmlaq_f32(vdupq_n_f32(-a), vdupq_n_f32(b), vdupq_n_f32(b)))[0], lanes(vmlsq_f32(vdupq_n_f32(a), vdupq_n_f32(b), vdupq_n_f32(b)))[0]}, fl(t, -t, 0.0f, 0.0f)},
-        {"clt", lanes(vcltq_f32(vec(1.0f, 2.0f, kNaN, -0.0f), vec(2.0f, 1.0f, 0.0f, 0.0f))), {~0u, 0, 0, 0}},
-        {"cle", lanes(vcleq_f32(vec(-0.0f, kNaN, 1.0f, 3.0f), vec(0.0f, kNaN, 1.0f, 2.0f))), {~0u, 0, ~0u, 0}},
-        {"shr2", lanes(vshrq_n_s32(vld1q_s32(s), 2)), {uint32_t(-2), uint32_t(-1), 1, 0xe0000000u}},
-        {"shl29", lanes(vshlq_n_s32(vld1q_s32(s), 29)), {0, 0xe0000000u, 0xe0000000u, 0}},
-        // Bitwise select, not a lane blend on the sign bit.
-        {"bsl", lanes(vbslq_f32(vld1q_u32(m), vdupq_n_f32(-1.5f), vdupq_n_f32(2.25f))), {(bitsOf(-1.5f) & 0xffff0000u) | (bitsOf(2.25f) & 0xffffu), bitsOf(2.25f), bitsOf(-1.5f), bitsOf(-2.25f)}},
         // NaN in either lane propagates (any NaN pattern).
         {"max nan", nanOnly(lanes(vmaxq_f32(vec(kNaN, 1.0f, kNaN, 0.0f), vec(1.0f, kNaN, kNaN, kNaN)))), {1, 1, 1, 1}},
         {"min nan", nanOnly(lanes(vminq_f32(vec(kNaN, 1.0f, kNaN, 0.0f), vec(1.0f, kNaN, kNaN, kNaN)))), {1, 1, 1, 1}},
@@ -189,8 +178,6 @@ TEST(SimdMath, NeonShimSemantics)
         {"maxv/minv/addv", fl(vmaxvq_f32(vec(1.0f, 7.0f, -9.0f, 3.0f)), vminvq_f32(vec(1.0f, 7.0f, -9.0f, 3.0f)), vaddvq_f32(vec(1e8f, -1e8f, 1.0f, 1.0f)),
                               vaddvq_f32(vec(1.0f, 1e8f, -1e8f, 1.0f))), fl(7.0f, -9.0f, 2.0f, 0.0f)},
         {"maxv nan", nanOnly(fl(vmaxvq_f32(vec(1.0f, 2.0f, kNaN, 0.0f)), vminvq_f32(vec(1.0f, kNaN, 2.0f, 0.0f)), kNaN, kNaN)), {1, 1, 1, 1}},
-        {"neg/abs/bic/tst", {lanes(vnegq_f32(vdupq_n_f32(0.0f)))[0], lanes(vabsq_f32(vdupq_n_f32(-0.0f)))[0], lanes(vbicq_u32(vdupq_n_u32(0xf0f0u), vdupq_n_u32(0x3030u)))[0],
-                             lanes(vtstq_u32(vld1q_u32(m), vdupq_n_u32(0x80000000u)))[3]}, {0x80000000u, 0, 0xc0c0u, ~0u}},
     };
     for (const auto& c : cases)
         EXPECT_EQ(c.got, c.want) << c.name;

@@ -3,8 +3,6 @@
 #include <fftw3.h>
 
 #include <cstdlib>
-#include <type_traits>
-#include <vector>
 
 #include "AKUDoa/base/akudoamatrix.h"
 

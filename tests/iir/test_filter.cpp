@@ -3,11 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
-#include <cstdint>
-#include <limits>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "AKUDoa/base/akudoalogging.h"
 #include "AKUDoa/iir/akufilter.h"
@@ -33,10 +29,6 @@ IIRCoef_t (*const kMakers[5])(float, float, float, float) = {AKUIIRDesigner::cre
                                                              AKUIIRDesigner::createHighShift, AKUIIRDesigner::createNotch};
 
 std::vector<std::string> g_lines;
-void capture(const char* file, int line, const char* function, const char* message)
-{
-    g_lines.push_back(std::string(file) + "|" + std::to_string(line) + "|" + function + "|" + message);
-}
 
 } // namespace
 
@@ -102,7 +94,7 @@ TEST(IIR, StateAcrossBlocksResetAndSetCoef)
     b.filter(buf.data(), buf.data(), 300);
     EXPECT_EQ(buf, whole);
     g_lines.clear();
-    InstallDoaMessageHandler(capture);
+    InstallDoaMessageHandler([](const char* file, int line, const char* fn, const char* text) { g_lines.push_back(std::string(file) + "|" + std::to_string(line) + "|" + fn + "|" + text); });
     e.filter(x.data(), buf.data(), 300);
     e.setCoef(coef(0.25f, 0.5f, 0.25f, -1.5f, 0.5625f));
     InstallDoaMessageHandler(nullptr);
