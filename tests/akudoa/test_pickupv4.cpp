@@ -59,12 +59,14 @@ TEST(PickupV4, TargetMappingAndShortcuts)
 {
     // Whole samples per metre: 96000 / 340 is 282, not 282.35.
     StCamCfg cfg = akugrid_camera(8, 8, 6, 64);
-    AKUDoaPickupV4 p, q;
     for (auto [rate, spm] : {std::pair<int, float>{48000, 141.f}, {44100, 129.f}, {96000, 282.f}}) {
         cfg.sampleFrequency = rate;
-        p.initPickup(&cfg);
-        EXPECT_EQ(AKUDoaPickupV4Access::d(p)->micReach->data[3], cfg.micRadius[3] * spm) << rate;
+        AKUDoaPickupV4 r; // initPickup allocates afresh: once per object
+        r.initPickup(&cfg);
+        EXPECT_EQ(AKUDoaPickupV4Access::d(r)->micReach->data[3], cfg.micRadius[3] * spm) << rate;
     }
+    AKUDoaPickupV4 p, q;
+    p.initPickup(&cfg);
     q.initPickup(&cfg);
     AKUDoaPickupV4Private *d = AKUDoaPickupV4Access::d(p), *dq = AKUDoaPickupV4Access::d(q);
     EXPECT_TRUE(d->targetRow == 4 && d->targetCol == 3); // the centre, unmapped
