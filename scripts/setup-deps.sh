@@ -14,9 +14,10 @@ for arg in "$@"; do
 done
 
 native=(cmake make g++ pkgconf libfftw3-dev libiniparser-dev libgtest-dev libgmock-dev
-        libbenchmark-dev libsndfile1-dev libpng-dev python3 python3-numpy python3-scipy)
+        libbenchmark-dev libsndfile1-dev libpng-dev python3 python3-numpy python3-scipy
+        libxxhash-dev)
 arm=(g++-aarch64-linux-gnu qemu-user pkgconf:arm64 libstdc++6:arm64 libgomp1:arm64
-     libfftw3-dev:arm64 libiniparser-dev:arm64 libgtest-dev:arm64)
+     libfftw3-dev:arm64 libiniparser-dev:arm64 libgtest-dev:arm64 libxxhash-dev:arm64)
 
 # A package counts as present only for the architecture asked for: with arm64
 # added, a plain name such as libfftw3-dev may be installed twice (once per
