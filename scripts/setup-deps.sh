@@ -3,13 +3,16 @@
 # Idempotent: prints nothing and installs nothing when all is present.
 #   scripts/setup-deps.sh          native build, tests, benchmarks, tools
 #   scripts/setup-deps.sh --arm    also the AArch64 cross toolchain and emulator
+#   scripts/setup-deps.sh --fuzz   also clang with libFuzzer and its OpenMP runtime
 set -euo pipefail
 
 want_arm=0
+want_fuzz=0
 for arg in "$@"; do
   case "$arg" in
     --arm) want_arm=1 ;;
-    *) echo "usage: $0 [--arm]" >&2; exit 2 ;;
+    --fuzz) want_fuzz=1 ;;
+    *) echo "usage: $0 [--arm] [--fuzz]" >&2; exit 2 ;;
   esac
 done
 
@@ -47,6 +50,10 @@ if [ "$want_arm" -eq 1 ]; then
     $SUDO dpkg --add-architecture arm64
   fi
   pkgs+=("${arm[@]}")
+fi
+
+if [ "$want_fuzz" -eq 1 ]; then
+  pkgs+=(clang libclang-rt-dev libomp-dev)
 fi
 
 todo=$(missing "${pkgs[@]}")
