@@ -14,8 +14,11 @@ struct AKUDoaQuantizeV3Private;
 //
 //   akudoa-steering-cache 1
 //   key <16 hex digits>     fingerprint of every input that shapes the table
-//   scale <16 hex digits>   XXH3-64 of the scale file
-//   table <16 hex digits>   XXH3-64 of the table file
+//   scale <16 hex digits>   checksum of the scale file
+//   table <16 hex digits>   checksum of the table file
+//
+// A file's checksum is the XXH3-64 of the XXH3-64 values of its rows (the
+// scale file is one row), so rows are checked in parallel.
 //
 // All three files go through a temporary name "<final>.tmp.<pid>.<n>" and a
 // rename; the sidecar is removed first and written last, so a save that dies
