@@ -14,7 +14,8 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <sstream>
+#include <string>
+#include <vector>
 
 // Inlined: the vector path matching the build flags (AVX2 here, NEON on
 // AArch64) hashes about twice as fast as the generic shared library.
@@ -74,7 +75,8 @@ uint64_t blocksHash(const uint8_t* const* blocks, size_t count, size_t len)
 
 // Writes the blocks to a temporary beside path, flushes it and renames it
 // over path: readers see the old file or the complete new one. *hash gets
-// the XXH3-64 of the bytes written. The temporary never outlives a failure.
+// the checksum of the blocks (blocksHash). The temporary never outlives a
+// failure.
 bool writeAtomic(const std::string& path, const uint8_t* const* blocks, size_t count, size_t len, uint64_t* hash)
 {
     static std::atomic<unsigned> serial{0};
@@ -175,7 +177,7 @@ bool readMeta(const std::string& path, Meta* m, const char** why)
     if (fd < 0)
         return false;
     char buf[kMaxMetaBytes + 1];
-    ssize_t n = size <= kMaxMetaBytes ? ::read(fd, buf, kMaxMetaBytes) : -1;
+    const ssize_t n = size <= kMaxMetaBytes ? ::read(fd, buf, kMaxMetaBytes) : -1;
     ::close(fd);
     if (n < 0) {
         *why = "is unreadable or too long";
@@ -184,7 +186,7 @@ bool readMeta(const std::string& path, Meta* m, const char** why)
     buf[n] = '\0';
     char magic[32] = {0};
     unsigned long long k = 0, s = 0, t = 0;
-    if (std::sscanf(buf, "%31s %d key %16llx scale %16llx table %16llx", magic, &m->version, &k, &s, &t) != 5 ||
+    if (std::sscanf(buf, "%31s %3d key %16llx scale %16llx table %16llx", magic, &m->version, &k, &s, &t) != 5 ||
         std::strcmp(magic, kMagic) != 0) {
         *why = "is malformed";
         return false;
@@ -214,7 +216,7 @@ long tempWriterPid(const char* name)
     long pid = 0;
     unsigned serial = 0;
     int used = 0;
-    if (std::sscanf(tmp, ".tmp.%ld.%u%n", &pid, &serial, &used) != 2 || tmp[used] != '\0' || pid <= 0)
+    if (std::sscanf(tmp, ".tmp.%9ld.%9u%n", &pid, &serial, &used) != 2 || tmp[used] != '\0' || pid <= 0)
         return 0;
     return pid;
 }
@@ -267,7 +269,7 @@ bool akudoa_cache_save(const char* who, const AKUDoaCacheFiles& files, uint64_t 
                        size_t binNum, const uint8_t* const* rows, size_t rowLen)
 {
     akudoa_cache_sweep(dirOf(files.table));
-    AKUDOA_LOG() << who << "::saveQuantizeParam save file";
+    AKUDOA_LOG() << std::string(who) + "::saveQuantizeParam save file";
     // Without its sidecar a half-replaced pair is never trusted.
     if (::unlink(files.meta().c_str()) != 0 && errno != ENOENT)
         return false;
@@ -289,7 +291,7 @@ bool akudoa_cache_load(const char* who, const AKUDoaCacheFiles& files, uint64_t 
     akudoa_cache_sweep(dirOf(files.table));
     if (::access(files.table.c_str(), F_OK) != 0 || ::access(files.scale.c_str(), F_OK) != 0)
         return false;
-    AKUDOA_LOG() << who << "::loadQuantizeParam try load file";
+    AKUDOA_LOG() << std::string(who) + "::loadQuantizeParam try load file";
 
     const char* why = nullptr;
     std::string reason;
@@ -316,10 +318,10 @@ bool akudoa_cache_load(const char* who, const AKUDoaCacheFiles& files, uint64_t 
     else if (tableHash != m.table)
         reason = "table file checksum mismatch";
     if (!reason.empty()) {
-        AKUDOA_LOG() << who << "::loadQuantizeParam rejected, " << reason << ": rebuilding";
+        AKUDOA_LOG() << std::string(who) + "::loadQuantizeParam rejected, " + reason + ": rebuilding";
         return false;
     }
     std::memcpy(scale, s.data(), sizeof(float) * binNum);
-    AKUDOA_LOG() << who << "::loadQuantizeParam load file ok";
+    AKUDOA_LOG() << std::string(who) + "::loadQuantizeParam load file ok";
     return true;
 }
