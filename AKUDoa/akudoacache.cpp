@@ -197,6 +197,12 @@ bool readMeta(const std::string& path, Meta* m, const char** why)
     return true;
 }
 
+// Logs "<who>::<what>" as plain text (the stream quotes a std::string).
+void logLine(const char* who, const std::string& what)
+{
+    AKUDOA_LOG() << (std::string(who) + "::" + what).c_str();
+}
+
 std::string dirOf(const std::string& path)
 {
     const size_t slash = path.rfind('/');
@@ -269,7 +275,7 @@ bool akudoa_cache_save(const char* who, const AKUDoaCacheFiles& files, uint64_t 
                        size_t binNum, const uint8_t* const* rows, size_t rowLen)
 {
     akudoa_cache_sweep(dirOf(files.table));
-    AKUDOA_LOG() << std::string(who) + "::saveQuantizeParam save file";
+    logLine(who, "saveQuantizeParam save file");
     // Without its sidecar a half-replaced pair is never trusted.
     if (::unlink(files.meta().c_str()) != 0 && errno != ENOENT)
         return false;
@@ -291,7 +297,7 @@ bool akudoa_cache_load(const char* who, const AKUDoaCacheFiles& files, uint64_t 
     akudoa_cache_sweep(dirOf(files.table));
     if (::access(files.table.c_str(), F_OK) != 0 || ::access(files.scale.c_str(), F_OK) != 0)
         return false;
-    AKUDOA_LOG() << std::string(who) + "::loadQuantizeParam try load file";
+    logLine(who, "loadQuantizeParam try load file");
 
     const char* why = nullptr;
     std::string reason;
@@ -318,10 +324,10 @@ bool akudoa_cache_load(const char* who, const AKUDoaCacheFiles& files, uint64_t 
     else if (tableHash != m.table)
         reason = "table file checksum mismatch";
     if (!reason.empty()) {
-        AKUDOA_LOG() << std::string(who) + "::loadQuantizeParam rejected, " + reason + ": rebuilding";
+        logLine(who, "loadQuantizeParam rejected, " + reason + ": rebuilding");
         return false;
     }
     std::memcpy(scale, s.data(), sizeof(float) * binNum);
-    AKUDOA_LOG() << std::string(who) + "::loadQuantizeParam load file ok";
+    logLine(who, "loadQuantizeParam load file ok");
     return true;
 }
