@@ -25,6 +25,10 @@ cmake --build build-fuzz -j"$(nproc)"
 export ASAN_OPTIONS="detect_leaks=0:${ASAN_OPTIONS:-}"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1:${UBSAN_OPTIONS:-}"
 export OMP_NUM_THREADS=${OMP_NUM_THREADS:-2}
+# Each target's scratch files (INI files, cache pairs) stay in the build tree.
+export TMPDIR=$PWD/build-fuzz/tmp
+rm -rf "$TMPDIR"
+mkdir -p "$TMPDIR"
 status=0
 for t in "${targets[@]}"; do
   work=build-fuzz/corpus/$t

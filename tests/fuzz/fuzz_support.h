@@ -11,10 +11,12 @@
 #include <string>
 #include <vector>
 
-// Fresh directory /tmp/akudoa-fuzz-<tag>-XXXXXX, with a trailing '/'.
+// Fresh directory $TMPDIR/akudoa-fuzz-<tag>-XXXXXX (TMPDIR defaults to
+// /tmp), with a trailing '/'.
 inline std::string fuzz_dir(const char* tag)
 {
-    std::string t = std::string("/tmp/akudoa-fuzz-") + tag + "-XXXXXX";
+    const char* tmp = std::getenv("TMPDIR");
+    std::string t = std::string(tmp && *tmp ? tmp : "/tmp") + "/akudoa-fuzz-" + tag + "-XXXXXX";
     if (!::mkdtemp(&t[0]))
         std::abort();
     return t + "/";
