@@ -1,7 +1,5 @@
 #include "AKUDoa/akudoaextra.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -10,6 +8,7 @@
 #include <vector>
 
 #include "AKUDoa/akudoaextra_p.h"
+#include "AKUDoa/akudoacache_p.h"
 #include "AKUDoa/akudoaquantizeparam_p.h"
 #include "AKUDoa/base/akudoalogging.h"
 
@@ -203,22 +202,22 @@ float AKUDoaExtra::posDistance(float x1, float y1, float z1, float x2, float y2,
     return akudoa_pos_distance(x1, y1, z1, x2, y2, z2);
 }
 
+// Fingerprint of the extended view's table: always near field at its own
+// focus plane, always averaged.
+static uint64_t extraKey(const AKUDoaQuantizeV3Private& c, bool average)
+{
+    return akudoa_cache_key(c, "extra", true, kFocusDistance, average);
+}
+
 bool AKUDoaExtra::saveQuantizeParam()
 {
     const AKUDoaQuantizeV3Private& c = d->core;
     if (!c.cfg || !c.steerQuant || !c.steerScale)
         return false;
     const ExtraNames names = extraNames(c.cfg, c.imageCols, c.binNum);
-    AKUDOA_LOG() << "AKUDoaExtra::saveQuantizeParam save file";
-
-    const uint8_t* scale = reinterpret_cast<const uint8_t*>(c.steerScale->data);
-    if (!akudoa_write_file_atomic(names.scale, &scale, 1, sizeof(float) * static_cast<size_t>(c.binNum)))
-        return false;
-    std::vector<const uint8_t*> rows(static_cast<size_t>(c.steerQuant->rows));
-    for (int b = 0; b < c.steerQuant->rows; ++b)
-        rows[b] = c.steerQuant->data[b];
-    return akudoa_write_file_atomic(names.table, rows.data(), rows.size(),
-                                    static_cast<size_t>(c.steerQuant->cols));
+    return akudoa_cache_save("AKUDoaExtra", {names.scale, names.table}, extraKey(c, d->freqAverage),
+                             c.steerScale->data, static_cast<size_t>(c.binNum), c.steerQuant->data,
+                             static_cast<size_t>(c.steerQuant->cols));
 }
 
 bool AKUDoaExtra::loadQuantizeParam()
@@ -226,28 +225,18 @@ bool AKUDoaExtra::loadQuantizeParam()
     AKUDoaQuantizeV3Private& c = d->core;
     if (!c.cfg || !c.steerQuant || !c.steerScale)
         return false;
+    // Rows are read into a copy first so that a rejected pair leaves the
+    // engine's table as it was.
     const ExtraNames names = extraNames(c.cfg, c.imageCols, c.binNum);
-    if (::access(names.table.c_str(), F_OK) != 0 || ::access(names.scale.c_str(), F_OK) != 0)
-        return false;
-    AKUDOA_LOG() << "AKUDoaExtra::loadQuantizeParam try load file";
-
-    // Both files must have exactly the sizes of this table; the table rows
-    // are read into a copy first so that a bad file leaves the engine's
-    // table as it was.
-    std::vector<float> scale(static_cast<size_t>(c.binNum));
-    uint8_t* scaleBlock = reinterpret_cast<uint8_t*>(scale.data());
-    if (!akudoa_read_file_exact(names.scale, &scaleBlock, 1, sizeof(float) * scale.size()))
-        return false;
     const size_t cols = static_cast<size_t>(c.steerQuant->cols);
     std::vector<uint8_t> table(cols * static_cast<size_t>(c.steerQuant->rows));
     std::vector<uint8_t*> rows(static_cast<size_t>(c.steerQuant->rows));
     for (int b = 0; b < c.steerQuant->rows; ++b)
         rows[b] = table.data() + cols * static_cast<size_t>(b);
-    if (!akudoa_read_file_exact(names.table, rows.data(), rows.size(), cols))
+    if (!akudoa_cache_load("AKUDoaExtra", {names.scale, names.table}, extraKey(c, d->freqAverage),
+                           c.steerScale->data, static_cast<size_t>(c.binNum), rows.data(), cols))
         return false;
     for (int b = 0; b < c.steerQuant->rows; ++b)
         std::memcpy(c.steerQuant->data[b], rows[b], cols);
-    std::memcpy(c.steerScale->data, scale.data(), sizeof(float) * scale.size());
-    AKUDOA_LOG() << "AKUDoaExtra::loadQuantizeParam load file ok";
     return true;
 }

@@ -23,10 +23,13 @@ void akudoa_row_quantize(const float* x, int cols, float scale, int8_t* q);
 // written in reverse order, spectrum[n - 1 - i] = re_i^2 + im_i^2.
 void akudoa_reverse_power_spectrum(const float* x, int available, vec_fp32* spectrum);
 
-// One element of the rounding rule: s2 = 2 * scale.
+// One element of the rounding rule: s2 = 2 * scale. In range |s2 * x| is at
+// most 254; a non-finite or huge product (a NaN or infinite sample, a zero
+// row) gives 0 instead of an undefined float-to-int conversion.
 static inline int8_t akudoa_quantize_one(float x, float s2)
 {
-    const int32_t t = static_cast<int32_t>(s2 * x); // truncates toward zero
+    const float y = s2 * x;
+    const int32_t t = y > -32768.0f && y < 32768.0f ? static_cast<int32_t>(y) : 0; // truncates toward zero
     const int16_t u = static_cast<int16_t>(t);
     const int16_t h = static_cast<int16_t>(static_cast<int16_t>(u + 1) >> 1);
     return static_cast<int8_t>(h);

@@ -37,3 +37,19 @@ if(AKUDOA_TSAN)
   add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
   add_link_options(-fsanitize=thread)
 endif()
+
+# libFuzzer targets in tests/fuzz (clang only): the library is instrumented
+# for coverage and checked by the address and undefined-behaviour
+# sanitizers, float-to-int conversions included; any finding aborts.
+option(AKUDOA_FUZZ "Build the libFuzzer targets in tests/fuzz (needs clang)" OFF)
+if(AKUDOA_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "AKUDOA_FUZZ needs clang++ (CMAKE_CXX_COMPILER=clang++)")
+  endif()
+  if(AKUDOA_SANITIZE OR AKUDOA_TSAN)
+    message(FATAL_ERROR "AKUDOA_FUZZ brings its own sanitizers")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined,float-cast-overflow
+                      -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined,float-cast-overflow)
+endif()

@@ -3,21 +3,24 @@
 # Idempotent: prints nothing and installs nothing when all is present.
 #   scripts/setup-deps.sh          native build, tests, benchmarks, tools
 #   scripts/setup-deps.sh --arm    also the AArch64 cross toolchain and emulator
+#   scripts/setup-deps.sh --fuzz   also clang with libFuzzer and its OpenMP runtime
 set -euo pipefail
 
 want_arm=0
+want_fuzz=0
 for arg in "$@"; do
   case "$arg" in
     --arm) want_arm=1 ;;
-    *) echo "usage: $0 [--arm]" >&2; exit 2 ;;
+    --fuzz) want_fuzz=1 ;;
+    *) echo "usage: $0 [--arm] [--fuzz]" >&2; exit 2 ;;
   esac
 done
 
 native=(cmake make g++ pkgconf libfftw3-dev libiniparser-dev libgtest-dev libgmock-dev
-        libbenchmark-dev libsndfile1-dev libpng-dev libhdf5-dev libxml2-dev python3 python3-numpy python3-scipy
-        python3-dev pybind11-dev python3-pytest)
+        libbenchmark-dev libsndfile1-dev libpng-dev libhdf5-dev libxml2-dev libxxhash-dev
+        python3 python3-numpy python3-scipy python3-dev pybind11-dev python3-pytest)
 arm=(g++-aarch64-linux-gnu qemu-user pkgconf:arm64 libstdc++6:arm64 libgomp1:arm64
-     libfftw3-dev:arm64 libiniparser-dev:arm64 libgtest-dev:arm64)
+     libfftw3-dev:arm64 libiniparser-dev:arm64 libgtest-dev:arm64 libxxhash-dev:arm64)
 
 # A package counts as present only for the architecture asked for: with arm64
 # added, a plain name such as libfftw3-dev may be installed twice (once per
@@ -47,6 +50,10 @@ if [ "$want_arm" -eq 1 ]; then
     $SUDO dpkg --add-architecture arm64
   fi
   pkgs+=("${arm[@]}")
+fi
+
+if [ "$want_fuzz" -eq 1 ]; then
+  pkgs+=(clang libclang-rt-dev libomp-dev)
 fi
 
 todo=$(missing "${pkgs[@]}")
