@@ -1,11 +1,12 @@
 #include "support/akudoagrid.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
 namespace {
 constexpr double kPi = 3.14159265358979323846;
-}
+} // namespace
 
 StCamCfg akugrid_camera(int mics, int rows, int cols, int frameSize, int program)
 {
@@ -22,8 +23,7 @@ StCamCfg akugrid_camera(int mics, int rows, int cols, int frameSize, int program
     c.focusDistance = 1.0f;
     c.rotateMode = 1;
     c.targetQuantize = true;
-    for (float& s : c.micSensitivity)
-        s = 1.0f;
+    std::fill(std::begin(c.micSensitivity), std::end(c.micSensitivity), 1.0f);
     akusim_fill_layout(c, mics);
     return c;
 }
@@ -32,10 +32,8 @@ AkuSimSource akugrid_far_source(const StCamCfg& cfg, int k, int c, uint32_t seed
 {
     const double NR = cfg.imageResolutionRow, NC = cfg.imageResolutionCol;
     const double D = 0.70710677 / std::tan(cfg.eangleDomain * kPi / 180.0);
-    const double u = ((k - NR * 0.5) + 0.5) / NR;
-    const double v = (((c - NC * 0.5) + 0.5) / NR) / cfg.imageThetaXYFactor;
-    const double theta = std::atan2(std::sqrt(u * u + v * v), D);
-    const double phi = std::atan2(v, u);
+    const double u = ((k - NR * 0.5) + 0.5) / NR, v = (((c - NC * 0.5) + 0.5) / NR) / cfg.imageThetaXYFactor;
+    const double theta = std::atan2(std::sqrt(u * u + v * v), D), phi = std::atan2(v, u);
     AkuSimSource s;
     s.x = -std::sin(theta) * std::cos(phi);
     s.y = -std::sin(theta) * std::sin(phi);
@@ -47,8 +45,7 @@ AkuSimSource akugrid_far_source(const StCamCfg& cfg, int k, int c, uint32_t seed
 AkuSimSource akugrid_near_source(const StCamCfg& cfg, int k, int c, uint32_t seed)
 {
     const int NR = cfg.imageResolutionRow, NC = cfg.imageResolutionCol;
-    const double D = 0.70710677 / std::tan(cfg.eangleDomain * kPi / 180.0);
-    const double alpha = std::atan2(cfg.micMaxRadius * 0.5 + 0.5, D);
+    const double alpha = std::atan2(cfg.micMaxRadius * 0.5 + 0.5, 0.70710677 / std::tan(cfg.eangleDomain * kPi / 180.0));
     const double F = cfg.focusDistance;
     AkuSimSource s;
     s.pointSource = true;
@@ -59,18 +56,31 @@ AkuSimSource akugrid_near_source(const StCamCfg& cfg, int k, int c, uint32_t see
     return s;
 }
 
+AkuSimSource akugrid_gridding_source(const StCamCfg& cfg, int r, int c, double dist, uint32_t seed)
+{
+    const int G = std::max(cfg.imageResolutionRow, cfg.imageResolutionCol) + 2;
+    const double t = 0.7071067811865476 / std::tan((cfg.eangleDomain + 1) * kPi / 180.0);
+    const double pitch = 2.0 * std::sin(std::atan2(0.5 * cfg.micMaxRadius + 0.5, t)) / G;
+    const double dx = (r - cfg.imageResolutionRow / 2) * pitch, dy = (c - cfg.imageResolutionCol / 2) * pitch / cfg.imageThetaXYFactor;
+    const double scale = dist > 0.0 ? dist : 1.0;
+    AkuSimSource s;
+    s.pointSource = dist > 0.0;
+    s.x = scale * dx;
+    s.y = scale * dy;
+    s.z = scale * std::sqrt(1.0 - dx * dx - dy * dy);
+    s.seed = seed;
+    return s;
+}
+
 void akugrid_rotated(int mode, int rows, int cols, int k, int c, int& r, int& col)
 {
-    r = k;
-    col = c;
-    if (mode == 1) {
-        r = rows - 1 - k;
-        col = cols - 1 - c;
-    } else if (mode == 2) {
-        col = cols - 1 - c;
-    } else if (mode == 3) {
-        r = rows - 1 - k;
-    }
+    r = mode == 1 || mode == 3 ? rows - 1 - k : k;
+    col = mode == 1 || mode == 2 ? cols - 1 - c : c;
+}
+
+AkuMat akugrid_frame(const StCamCfg& cfg, const std::vector<AkuSimSource>& sources)
+{
+    return AkuMat(akusim_frame(akusim_array_from_cfg(cfg), sources, cfg.sampleFrequency, cfg.frameSize));
 }
 
 mat2d_fp32* akugrid_capture_frame(const StCamCfg& cfg, const mat2d_fp32* arrayFrame)
@@ -83,12 +93,17 @@ mat2d_fp32* akugrid_capture_frame(const StCamCfg& cfg, const mat2d_fp32* arrayFr
 
 void akugrid_argmax(const mat2d_fp32* map, int& row, int& col)
 {
-    row = 0;
-    col = 0;
-    for (int i = 0; i < map->rows; ++i)
-        for (int j = 0; j < map->cols; ++j)
-            if (map->data[i][j] > map->data[row][col]) {
-                row = i;
-                col = j;
-            }
+    const int best = akugrid_argmax(akugrid_flat(map));
+    row = best / map->cols;
+    col = best % map->cols;
+}
+
+int akugrid_argmax(const std::vector<float>& v) { return static_cast<int>(std::max_element(v.begin(), v.end()) - v.begin()); }
+
+std::vector<float> akugrid_flat(const mat2d_fp32* m)
+{
+    std::vector<float> v;
+    for (int i = 0; i < m->rows; ++i)
+        v.insert(v.end(), m->data[i], m->data[i] + m->cols);
+    return v;
 }
