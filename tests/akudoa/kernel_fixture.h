@@ -55,8 +55,7 @@ protected:
         char tmpl[] = "/tmp/akudoa_kernel_XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         dir_ = tmpl;
-        capturedLines().clear();
-        InstallDoaMessageHandler(captureHandler);
+        capturedLines().clear(), InstallDoaMessageHandler(captureHandler);
     }
     void TearDown() override
     {
@@ -93,8 +92,7 @@ protected:
     void SetUp() override
     {
         KernelTest::SetUp();
-        saved_ = std::getenv("AKUDOA_CACHE_DIR") ? std::getenv("AKUDOA_CACHE_DIR") : "";
-        cache_ = dir_ + "/";
+        saved_ = std::getenv("AKUDOA_CACHE_DIR") ? std::getenv("AKUDOA_CACHE_DIR") : "", cache_ = dir_ + "/";
         ::setenv("AKUDOA_CACHE_DIR", cache_.c_str(), 1);
     }
     void TearDown() override { ::setenv("AKUDOA_CACHE_DIR", saved_.c_str(), 1), KernelTest::TearDown(); }

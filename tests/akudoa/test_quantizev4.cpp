@@ -63,8 +63,7 @@ TEST(V4Grid, GeometryAveragedRowsAndNearestNodes)
 // entry past it, never written, must read zero). A lone microphone has only
 // self terms, so the clamped image is zero unless they are kept. A window of
 // the wrong length and an unknown orientation are ignored; no bins zero the
-// map. Focus phases exist only when focusing: the Fresnel term
-// 2 pi F r^2 / (2 D c) of the integer bin frequency F.
+// map.
 TEST(V4Frame, EdgeCases)
 {
     StCamCfg cfg = akugrid_camera(16, 16, 12, 1024, 4);
@@ -74,8 +73,7 @@ TEST(V4Frame, EdgeCases)
     for (int t = 0; t < 1024; ++t)
         frame->data[5][t] = (t & 1) ? -1.0f : 1.0f;
     av.image(frame.get());
-    EXPECT_EQ(av.engine.getFFTMean()->data[256][3 * 16 + 5], 1024.0f);
-    EXPECT_EQ(av.engine.getFFTMean()->data[256][5], 1024.0f);
+    EXPECT_EQ(std::make_pair(av.engine.getFFTMean()->data[256][5], av.engine.getFFTMean()->data[256][3 * 16 + 5]), std::make_pair(1024.0f, 1024.0f));
     cfg.freqAverage = false;
     V4 im(cfg);
     std::mt19937 rng(3);
@@ -95,18 +93,6 @@ TEST(V4Frame, EdgeCases)
     im.cfg.rotateMode = 1;
     im.bands.updateBands({});
     EXPECT_EQ(im.image(frame.get(), 7.0f), std::vector<float>(192, 0.0f));
-
-    const AKUDoaQuantizeV4Private* d = im.engine.privateData();
-    im.cfg.focusDistance = 0.5f;
-    im.engine.focusDisUpdate();
-    EXPECT_EQ(std::count(d->focusPhase->data[300], d->focusPhase->data[300] + 32, 0.0f), 32);
-    im.cfg.focusDistanceEn = true;
-    im.engine.focusDisUpdate();
-    for (int m = 0; m < 16; ++m) {
-        const double r = cfg.micRadius[m], phi = ((300 * 96000) / 1024) * (2.0 * M_PI * r * r) / (2.0 * 0.5 * 340.0);
-        EXPECT_NEAR(d->focusPhase->data[300][m], std::cos(phi), 2e-5);
-        EXPECT_NEAR(d->focusPhase->data[300][16 + m], std::sin(phi), 2e-5);
-    }
 }
 
 // The regression program's image is every bin's map rendered on its own and
@@ -139,14 +125,10 @@ TEST(V4Threads, RegressionImageIsTheSumOverBinsOfEachRendering)
 // same image as several.
 TEST(V4Physics, SourcesAppearAtTheirPixels)
 {
-    struct Case {
-        int mics, rows, cols, program;
-        double focus;
-    };
+    struct Case { int mics, rows, cols, program; double focus; };
     for (const Case& cs : {Case{16, 32, 24, 4, 0.0}, Case{64, 32, 24, 4, 0.0}, Case{16, 64, 48, 4, 0.0}, Case{64, 32, 24, 54, 0.0}, Case{64, 32, 24, 4, 0.4}}) {
         StCamCfg cfg = akugrid_camera(cs.mics, cs.rows, cs.cols, 1024, cs.program);
-        cfg.focusDistance = static_cast<float>(cs.focus);
-        cfg.focusDistanceEn = cs.focus > 0.0;
+        cfg.focusDistance = static_cast<float>(cs.focus), cfg.focusDistanceEn = cs.focus > 0.0;
         V4 im(cfg);
         const int R = cs.rows, C = cs.cols, threads = omp_get_max_threads();
         for (auto [k, c] : {std::pair<int, int>{4, 4}, {R - 5, C - 4}, {6, C - 5}, {R - 7, 3}, {R / 2, C / 2}}) {

@@ -11,18 +11,9 @@ constexpr double kPi = 3.14159265358979323846;
 StCamCfg akugrid_camera(int mics, int rows, int cols, int frameSize, int program)
 {
     StCamCfg c{};
-    c.doaVersionSelect = program;
-    c.sampleFrequency = 96000;
-    c.imageResolutionRow = rows;
-    c.imageResolutionCol = cols;
-    c.sectionFactor = 10;
-    c.frameSize = frameSize;
-    c.imageThetaXYFactor = 1.3f;
-    c.eangleDomain = 43;
-    c.micMaxRadius = 0.11f;
-    c.focusDistance = 1.0f;
-    c.rotateMode = 1;
-    c.targetQuantize = true;
+    c.doaVersionSelect = program, c.sampleFrequency = 96000, c.imageResolutionRow = rows, c.imageResolutionCol = cols;
+    c.sectionFactor = 10, c.frameSize = frameSize, c.imageThetaXYFactor = 1.3f, c.eangleDomain = 43, c.micMaxRadius = 0.11f;
+    c.focusDistance = 1.0f, c.rotateMode = 1, c.targetQuantize = true;
     std::fill(std::begin(c.micSensitivity), std::end(c.micSensitivity), 1.0f);
     akusim_fill_layout(c, mics);
     return c;
@@ -35,10 +26,7 @@ AkuSimSource akugrid_far_source(const StCamCfg& cfg, int k, int c, uint32_t seed
     const double u = ((k - NR * 0.5) + 0.5) / NR, v = (((c - NC * 0.5) + 0.5) / NR) / cfg.imageThetaXYFactor;
     const double theta = std::atan2(std::sqrt(u * u + v * v), D), phi = std::atan2(v, u);
     AkuSimSource s;
-    s.x = -std::sin(theta) * std::cos(phi);
-    s.y = -std::sin(theta) * std::sin(phi);
-    s.z = std::cos(theta);
-    s.seed = seed;
+    s.x = -std::sin(theta) * std::cos(phi), s.y = -std::sin(theta) * std::sin(phi), s.z = std::cos(theta), s.seed = seed;
     return s;
 }
 
@@ -48,11 +36,9 @@ AkuSimSource akugrid_near_source(const StCamCfg& cfg, int k, int c, uint32_t see
     const double alpha = std::atan2(cfg.micMaxRadius * 0.5 + 0.5, 0.70710677 / std::tan(cfg.eangleDomain * kPi / 180.0));
     const double F = cfg.focusDistance;
     AkuSimSource s;
-    s.pointSource = true;
+    s.pointSource = true, s.z = F, s.seed = seed;
     s.x = F * std::tan(-((k - NR / 2) + 0.5) * (2.0 / NR) * alpha);
     s.y = F * std::tan(-((c - NC / 2) + 0.5) * (2.0 / NR) * alpha) / cfg.imageThetaXYFactor;
-    s.z = F;
-    s.seed = seed;
     return s;
 }
 
@@ -64,11 +50,7 @@ AkuSimSource akugrid_gridding_source(const StCamCfg& cfg, int r, int c, double d
     const double dx = (r - cfg.imageResolutionRow / 2) * pitch, dy = (c - cfg.imageResolutionCol / 2) * pitch / cfg.imageThetaXYFactor;
     const double scale = dist > 0.0 ? dist : 1.0;
     AkuSimSource s;
-    s.pointSource = dist > 0.0;
-    s.x = scale * dx;
-    s.y = scale * dy;
-    s.z = scale * std::sqrt(1.0 - dx * dx - dy * dy);
-    s.seed = seed;
+    s.pointSource = dist > 0.0, s.x = scale * dx, s.y = scale * dy, s.z = scale * std::sqrt(1.0 - dx * dx - dy * dy), s.seed = seed;
     return s;
 }
 
@@ -94,8 +76,7 @@ mat2d_fp32* akugrid_capture_frame(const StCamCfg& cfg, const mat2d_fp32* arrayFr
 void akugrid_argmax(const mat2d_fp32* map, int& row, int& col)
 {
     const int best = akugrid_argmax(akugrid_flat(map));
-    row = best / map->cols;
-    col = best % map->cols;
+    row = best / map->cols, col = best % map->cols;
 }
 
 int akugrid_argmax(const std::vector<float>& v) { return static_cast<int>(std::max_element(v.begin(), v.end()) - v.begin()); }

@@ -20,11 +20,9 @@ double wrapPi(double a)
 AkuSimArray akusim_array_from_cfg(const StCamCfg& cfg)
 {
     AkuSimArray a;
-    for (int m = 0; m < cfg.channelNum; ++m) {
-        a.x.push_back(static_cast<double>(cfg.micRadius[m]) * std::cos(static_cast<double>(cfg.micPhi[m])));
-        a.y.push_back(static_cast<double>(cfg.micRadius[m]) * std::sin(static_cast<double>(cfg.micPhi[m])));
-        a.z.push_back(0.0);
-    }
+    for (int m = 0; m < cfg.channelNum; ++m)
+        a.x.push_back(static_cast<double>(cfg.micRadius[m]) * std::cos(static_cast<double>(cfg.micPhi[m]))),
+            a.y.push_back(static_cast<double>(cfg.micRadius[m]) * std::sin(static_cast<double>(cfg.micPhi[m]))), a.z.push_back(0.0);
     return a;
 }
 
@@ -44,16 +42,10 @@ bool akusim_fill_layout(StCamCfg& cfg, int micCount)
         const int c = micCount == 64 ? 2 * i : micCount == 48 ? idx48[i] : micCount == 36 ? idx36[i] : i;
         const int k = c / 17, j = c % 17;
         cfg.micIndex[i] = c;
-        if (micCount <= 16) {
-            cfg.micRadius[i] = static_cast<float>(micCount == 8 ? 0.025 : 0.06);
-            cfg.micPhi[i] = static_cast<float>(wrapPi(i * 2.0 * kPi / micCount));
-        } else if (c < 119) {
-            cfg.micRadius[i] = static_cast<float>(0.0171 + 0.0071 * k);
-            cfg.micPhi[i] = static_cast<float>(wrapPi((k * 360.0 / 7.0 + j * 360.0 / 17.0) * kPi / 180.0));
-        } else {
-            cfg.micRadius[i] = 0.01f;
-            cfg.micPhi[i] = static_cast<float>(wrapPi((80.0 + 40.0 * (c - 119)) * kPi / 180.0));
-        }
+        cfg.micRadius[i] = static_cast<float>(micCount <= 16 ? (micCount == 8 ? 0.025 : 0.06) : c < 119 ? 0.0171 + 0.0071 * k : 0.01);
+        cfg.micPhi[i] = static_cast<float>(wrapPi(micCount <= 16 ? i * 2.0 * kPi / micCount
+                                                  : c < 119 ? (k * 360.0 / 7.0 + j * 360.0 / 17.0) * kPi / 180.0
+                                                            : (80.0 + 40.0 * (c - 119)) * kPi / 180.0));
     }
     return true;
 }
