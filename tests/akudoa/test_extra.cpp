@@ -20,15 +20,7 @@ namespace {
 // The extended view of a camera: half its rows and columns.
 struct Wide : AkuImager<AKUDoaExtra> {
     explicit Wide(const StCamCfg& c) : AkuImager(c, 20000, 40000, 2) {}
-    std::vector<uint8_t> table() const
-    {
-        const AKUDoaQuantizeV3Private& d = engine.privateData()->core;
-        std::vector<uint8_t> out;
-        for (int b = 0; b < d.steerQuant->rows; ++b)
-            out.insert(out.end(), d.steerQuant->data[b], d.steerQuant->data[b] + d.steerQuant->cols);
-        const uint8_t* s = reinterpret_cast<const uint8_t*>(d.steerScale->data);
-        return out.insert(out.end(), s, s + sizeof(float) * d.steerScale->n), out;
-    }
+    std::vector<uint8_t> table() const { return akugrid_table_bytes(engine.privateData()->core); }
 };
 class ExtraTest : public kerneltest::CacheTest {};
 
@@ -140,9 +132,8 @@ TEST_F(ExtraTest, CachePairRoundTripsAndShortFilesAreRejected)
     Wide a(wideCfg(16, 16, 12));
     ASSERT_TRUE(a.engine.saveQuantizeParam());
     const std::string table = cache_ + "ExtraQuantizeParam_v3_16_6_16_43_1.3_257.data", scale = cache_ + "ExtraQuantizeScaleParam_v3_16_6_16_43_1.3_257.data";
-    std::ifstream t(table, std::ios::binary), s(scale, std::ios::binary);
-    std::vector<uint8_t> disk((std::istreambuf_iterator<char>(t)), std::istreambuf_iterator<char>());
-    disk.insert(disk.end(), std::istreambuf_iterator<char>(s), std::istreambuf_iterator<char>());
+    std::vector<uint8_t> disk = akugrid_file_bytes(table), s = akugrid_file_bytes(scale);
+    disk.insert(disk.end(), s.begin(), s.end());
     EXPECT_EQ(disk, a.table());
     ASSERT_EQ(::truncate(table.c_str(), 0) + ::truncate(table.c_str(), 257L * 2 * 16 * 8 * 6), 0); // zeros of the right size
     Wide b(a.cfg);

@@ -23,21 +23,8 @@ class EndToEndSmall : public kerneltest::CacheTest {};
 
 namespace {
 
-std::vector<uint8_t> tableBytes(const V3& v)
-{
-    const AKUDoaQuantizeV3Private* d = v.engine.privateData();
-    std::vector<uint8_t> out;
-    for (int b = 0; b < d->steerQuant->rows; ++b)
-        out.insert(out.end(), d->steerQuant->data[b], d->steerQuant->data[b] + d->steerQuant->cols);
-    const uint8_t* s = reinterpret_cast<const uint8_t*>(d->steerScale->data);
-    return out.insert(out.end(), s, s + sizeof(float) * d->steerScale->n), out;
-}
-
-std::vector<uint8_t> fileBytes(const std::string& p)
-{
-    std::ifstream f(p, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-}
+std::vector<uint8_t> tableBytes(const V3& v) { return akugrid_table_bytes(*v.engine.privateData()); }
+std::vector<uint8_t> fileBytes(const std::string& p) { return akugrid_file_bytes(p); }
 
 ino_t inode(const std::string& p)
 {

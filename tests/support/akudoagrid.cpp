@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 
 namespace {
 constexpr double kPi = 3.14159265358979323846;
@@ -87,4 +89,19 @@ std::vector<float> akugrid_flat(const mat2d_fp32* m)
     for (int i = 0; i < m->rows; ++i)
         v.insert(v.end(), m->data[i], m->data[i] + m->cols);
     return v;
+}
+
+std::vector<uint8_t> akugrid_table_bytes(const AKUDoaQuantizeV3Private& d)
+{
+    std::vector<uint8_t> out;
+    for (int b = 0; b < d.steerQuant->rows; ++b)
+        out.insert(out.end(), d.steerQuant->data[b], d.steerQuant->data[b] + d.steerQuant->cols);
+    const uint8_t* s = reinterpret_cast<const uint8_t*>(d.steerScale->data);
+    return out.insert(out.end(), s, s + sizeof(float) * d.steerScale->n), out;
+}
+
+std::vector<uint8_t> akugrid_file_bytes(const std::string& path)
+{
+    std::ifstream f(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }

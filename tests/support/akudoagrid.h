@@ -2,10 +2,12 @@
 #define AKUDOA_TESTS_SUPPORT_AKUDOAGRID_H
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "AKUDoa/akudoacamcfg.h"
 #include "AKUDoa/akudoafreqbands.h"
+#include "AKUDoa/akudoaquantizev3_p.h"
 #include "support/akudoasim.h"
 
 // Where the planar grids look, for placing simulated sources at pixels, and
@@ -48,6 +50,11 @@ AkuMat akugrid_frame(const StCamCfg& cfg, const std::vector<AkuSimSource>& sourc
 // Capture frame (128 rows, the layout's channels in array order) from an
 // array-ordered frame, through the configuration's micIndex. Caller destroys.
 mat2d_fp32* akugrid_capture_frame(const StCamCfg& cfg, const mat2d_fp32* arrayFrame);
+
+// Steering rows then scales of a steering-table engine, as cached; a file's
+// bytes.
+std::vector<uint8_t> akugrid_table_bytes(const AKUDoaQuantizeV3Private& d);
+std::vector<uint8_t> akugrid_file_bytes(const std::string& path);
 
 // Index of the largest entry of a map (row-major) and its row and column.
 void akugrid_argmax(const mat2d_fp32* map, int& row, int& col);
