@@ -100,15 +100,16 @@ protected:
 };
 
 // INI text of a small camera: 96 kHz, identity correction coefficients, no
-// distance measurement, no extended view; `more` is appended (a section
-// named again adds to it, a key named again replaces it).
+// distance measurement, no extended view; a negative rotate leaves the
+// default orientation; `more` is appended (a section named again adds to
+// it, a key named again replaces it).
 inline std::string cameraIni(int mics, int frameSize, int rows, int cols, int program, int rotate, int correction,
                              const std::string& more = "")
 {
     const auto n = [](int v) { return std::to_string(v); };
     return "[AudioRecordingParam]\nchannel_num = " + n(mics) + "\nframe_size = " + n(frameSize) +
            "\nsample_frequency = 96000\n[AcousticCameraParam]\nimage_resolution_row = " + n(rows) + "\nimage_resolution_col = " +
-           n(cols) + "\nimage_correction_flag = " + n(correction) + "\nrotate_mode = " + n(rotate) +
+           n(cols) + "\nimage_correction_flag = " + n(correction) + (rotate < 0 ? "" : "\nrotate_mode = " + n(rotate)) +
            "\nrx1 = 0\nrx2 = 0\nrx3 = 1\nry1 = 0\nry2 = 1\nry3 = 0\ndistanceMeasure_en = false\n[DOA]\nextra_en = false\n"
            "DOAVersionSelect = " + n(program) + "\n" + more;
 }

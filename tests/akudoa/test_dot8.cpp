@@ -12,17 +12,12 @@
 
 TEST(SimdDot8, EveryPathEqualsTheReferenceAndThePlainSums)
 {
-    struct Case {
-        int m2, npix, lo, hi; // lo == hi: every byte that value (imaginary half negated)
-    };
+    struct Case { int m2, npix, lo, hi; }; // lo == hi: every byte that value, the imaginary half negated
     std::vector<Case> cases;
     for (int m2 = 1; m2 <= 200; ++m2) // around the 8/16/32/64-byte blocks
         cases.push_back({m2, 3, -127, 127});
-    for (int m2 : {264, 1000, 2100}) // long rows, one past the vector buffers
-        cases.push_back({m2, 2, -128, 127});
-    for (int mics : {8, 16, 36, 48, 64, 128})
-        for (int v : {127, -127, -128}) // largest partial sums
-            cases.push_back({2 * mics, 3, v, v});
+    for (int m2 : {256, 1000, 2100}) // 128 microphones, long rows, one past the vector buffers
+        cases.push_back({m2, 2, -128, 127}), cases.push_back({m2, 2, -128, -128}), cases.push_back({m2, 2, 127, 127});
     std::mt19937 rng(1);
     for (const Case& c : cases) {
         std::uniform_int_distribution<int> u(c.lo, c.hi);

@@ -62,13 +62,13 @@ TEST_F(KernelTest, PickupRingTargetAndWindow)
 // source well above another one: for both programs and orientations, and
 // when the coordinate correction shifts the displayed map against the
 // engine's (2 rows, -1 column). readPickedUpAudio given the same cell
-// listens elsewhere; given the documented mirrored target it steers exactly
-// like the cell call. Frames are periodic, so repeating one is a continuous
+// listens elsewhere; given the documented mirrored target (of the default
+// half turn, or of no turn) it steers exactly like the cell call. Frames are periodic, so repeating one is a continuous
 // signal; energy counts after two warm-up frames.
 TEST_F(KernelTest, PickupAtTheHeatMapPeakFavoursThatSource)
 {
     const int n = 1024, rows = 16, cols = 12;
-    for (auto [program, mode, more] : {std::tuple<int, int, std::string>{3, 1, ""}, {3, 0, ""}, {4, 1, ""}, {4, 0, ""},
+    for (auto [program, mode, more] : {std::tuple<int, int, std::string>{3, -1, ""}, {3, 0, ""}, {4, 1, ""}, {4, 0, ""},
                                       {3, 1, "[AcousticCameraParam]\nimage_correction_flag = 1\nsection_factor = 10\nrx1 = 20\nry1 = -10\n"}}) {
         SCOPED_TRACE(testing::Message() << "program " << program << " mode " << mode << " " << more);
         AKUDoaKernel k;
@@ -99,7 +99,7 @@ TEST_F(KernelTest, PickupAtTheHeatMapPeakFavoursThatSource)
             EXPECT_LT(listen(capA.get(), false, fpoint2d{0.f, pr, pc}), own * 0.5);
             listen(capA.get(), true, fpoint2d{0.f, pr, pc});
             const std::vector<float> viaCell(audio->data, audio->data + n);
-            listen(capA.get(), false, fpoint2d{0.f, mode == 1 ? rows - pr : rows - 1 - pr, mode == 1 ? cols - pc : cols - 1 - pc});
+            listen(capA.get(), false, fpoint2d{0.f, mode ? rows - pr : rows - 1 - pr, mode ? cols - pc : cols - 1 - pc}); // -1: the default half turn
             EXPECT_EQ(std::vector<float>(audio->data, audio->data + n), viaCell);
         }
         destroy_vec_fp32(audio);

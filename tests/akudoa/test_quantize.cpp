@@ -8,8 +8,8 @@
 
 // q = floor((trunc(2 * scale * x) + 1) / 2): halves round up when positive
 // and toward zero when negative (-7.5 at scale 127 / 7.5 gives -126); the
-// scale search reads whole groups of four and maps the largest magnitude to
-// 127; quantize works in groups of eight and leaves a partial last group
+// scale search reads whole groups of four (the last one too) and maps the
+// largest magnitude to 127; quantize works in groups of eight and leaves a partial last group
 // alone (the 0x55 fill, 85).
 TEST(Quantize, ScaleAndRoundingOfKnownRows)
 {
@@ -19,7 +19,7 @@ TEST(Quantize, ScaleAndRoundingOfKnownRows)
         std::vector<int> want;
     };
     for (const Case& c : {Case{{1.0f, -0.5f, 0.25f, 0, 0, 0, 0, 0}, 0, 127.0f, {127, -63, 32, 0, 0, 0, 0, 0}},
-                          Case{{-2.0f, 1.0f, 0.5f, -0.25f, 1.5f, 0, 0, 0}, 0, 63.5f, {-127, 64, 32, -15, 95, 0, 0, 0}},
+                          Case{{1.0f, 0.5f, -0.25f, 1.5f, 0, 0, 0, -2.0f}, 0, 63.5f, {64, 32, -15, 95, 0, 0, 0, -127}},
                           Case{{1.5f, 1.7f, 1.3f, -1.5f, -1.7f, -2.5f, 2.5f, -0.4f}, 1.0f, 1.0f, {2, 2, 1, -1, -1, -2, 3, 0}},
                           Case{{0.5f, 0.25f, -1.0f, 0.0f, 100.0f, -100.0f}, 0, 127.0f, {85, 85, 85, 85, 85, 85}},
                           Case{std::vector<float>(12, 1.0f), 127.0f, 127.0f, {127, 127, 127, 127, 127, 127, 127, 127, 85, 85, 85, 85}},
