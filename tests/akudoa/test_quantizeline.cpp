@@ -103,14 +103,14 @@ TEST(QuantizeLine, SpectrumAndBadInput)
     for (int t = 0; t < N; ++t)
         l.frame->data[19][t] = 2.0f * static_cast<float>(std::cos(2.0 * M_PI * 5 * t / N));
     l.e.executeDOA(l.frame.get(), l.bands, map.get());
-    vec_fp32* spec = create_vec_fp32(N / 2 + 1);
-    l.e.powerSpec(spec, 3);
+    vec_fp32* spectrum = create_vec_fp32(N / 2 + 1);
+    l.e.powerSpec(spectrum, 3);
     for (int k = 0; k <= N / 2; ++k)
-        ASSERT_NEAR(spec->data[N / 2 - k], k == 5 ? N * N : 0.0f, N * N * 1e-5) << k;
-    spec->data[0] = -1.0f;
-    l.e.powerSpec(spec, 16); // past the group
-    EXPECT_EQ(spec->data[0], -1.0f);
-    destroy_vec_fp32(spec);
+        ASSERT_NEAR(spectrum->data[N / 2 - k], k == 5 ? N * N : 0.0f, N * N * 1e-5) << k;
+    spectrum->data[0] = -1.0f;
+    l.e.powerSpec(spectrum, 16); // past the group
+    EXPECT_EQ(spectrum->data[0], -1.0f);
+    destroy_vec_fp32(spectrum);
 
     const std::vector<float> before = akugrid_flat(map.get());
     AKUDoaFreqBands none(N, 96000);
