@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -25,18 +26,13 @@ inline std::vector<std::string>& capturedLines()
     return lines;
 }
 
-inline void captureHandler(const char*, int, const char*, const char* message)
-{
-    capturedLines().emplace_back(message ? message : "");
-}
+inline void captureHandler(const char*, int, const char*, const char* message) { capturedLines().emplace_back(message ? message : ""); }
 
 // Strips the tag and the line end: "[AKUDOALIB] x \r\n" -> "x ".
-inline std::string body(const std::string& line)
+inline std::string body(std::string s)
 {
-    std::string s = line;
-    const std::string tag = "[AKUDOALIB] ";
-    if (s.compare(0, tag.size(), tag) == 0)
-        s.erase(0, tag.size());
+    if (s.compare(0, 12, "[AKUDOALIB] ") == 0)
+        s.erase(0, 12);
     if (s.size() >= 2 && s.compare(s.size() - 2, 2, "\r\n") == 0)
         s.erase(s.size() - 2);
     return s;
@@ -45,17 +41,11 @@ inline std::string body(const std::string& line)
 inline bool writeFile(const std::string& path, const void* data, size_t bytes)
 {
     FILE* f = std::fopen(path.c_str(), "wb");
-    if (!f)
-        return false;
-    const bool ok = bytes == 0 || std::fwrite(data, 1, bytes, f) == bytes;
-    std::fclose(f);
-    return ok;
+    const bool ok = f && (bytes == 0 || std::fwrite(data, 1, bytes, f) == bytes);
+    return f && std::fclose(f) == 0 && ok;
 }
 
-inline bool writeText(const std::string& path, const std::string& text)
-{
-    return writeFile(path, text.data(), text.size());
-}
+inline bool writeText(const std::string& path, const std::string& text) { return writeFile(path, text.data(), text.size()); }
 
 // Fixture: fresh temp dir per test, log captured, handler removed afterwards.
 class KernelTest : public ::testing::Test {
@@ -65,27 +55,20 @@ protected:
         char tmpl[] = "/tmp/akudoa_kernel_XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         dir_ = tmpl;
-        capturedLines().clear();
-        InstallDoaMessageHandler(captureHandler);
+        capturedLines().clear(), InstallDoaMessageHandler(captureHandler);
     }
-
     void TearDown() override
     {
         InstallDoaMessageHandler(nullptr);
-        nftw(dir_.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return std::remove(p); }, 8,
-             FTW_DEPTH | FTW_PHYS);
+        nftw(dir_.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return std::remove(p); }, 8, FTW_DEPTH | FTW_PHYS);
     }
-
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
-
     // Writes an INI file and returns its path.
     std::string ini(const std::string& text, const std::string& name = "cfg.ini") const
     {
-        const std::string p = path(name);
-        EXPECT_TRUE(writeText(p, text));
-        return p;
+        EXPECT_TRUE(writeText(path(name), text));
+        return path(name);
     }
-
     static std::vector<std::string> bodies()
     {
         std::vector<std::string> out;
@@ -93,19 +76,43 @@ protected:
             out.push_back(body(l));
         return out;
     }
-
     static bool logged(const std::string& text)
     {
-        for (const std::string& l : capturedLines())
-            if (body(l) == text)
-                return true;
-        return false;
+        const std::vector<std::string> b = bodies();
+        return std::find(b.begin(), b.end(), text) != b.end();
     }
-
     static AKUDoaKernelPrivate* priv(AKUDoaKernel& k) { return AKUDoaKernelInspector::d(k); }
-
     std::string dir_;
 };
+
+// Steering-table cache in the test's own directory: tests run as parallel
+// processes and some look at the files.
+class CacheTest : public KernelTest {
+protected:
+    void SetUp() override
+    {
+        KernelTest::SetUp();
+        saved_ = std::getenv("AKUDOA_CACHE_DIR") ? std::getenv("AKUDOA_CACHE_DIR") : "", cache_ = dir_ + "/";
+        ::setenv("AKUDOA_CACHE_DIR", cache_.c_str(), 1);
+    }
+    void TearDown() override { ::setenv("AKUDOA_CACHE_DIR", saved_.c_str(), 1), KernelTest::TearDown(); }
+    std::string saved_, cache_;
+};
+
+// INI text of a small camera: 96 kHz, identity correction coefficients, no
+// distance measurement, no extended view; a negative rotate leaves the
+// default orientation; `more` is appended (a section named again adds to
+// it, a key named again replaces it).
+inline std::string cameraIni(int mics, int frameSize, int rows, int cols, int program, int rotate, int correction,
+                             const std::string& more = "")
+{
+    const auto n = [](int v) { return std::to_string(v); };
+    return "[AudioRecordingParam]\nchannel_num = " + n(mics) + "\nframe_size = " + n(frameSize) +
+           "\nsample_frequency = 96000\n[AcousticCameraParam]\nimage_resolution_row = " + n(rows) + "\nimage_resolution_col = " +
+           n(cols) + "\nimage_correction_flag = " + n(correction) + (rotate < 0 ? "" : "\nrotate_mode = " + n(rotate)) +
+           "\nrx1 = 0\nrx2 = 0\nrx3 = 1\nry1 = 0\nry2 = 1\nry3 = 0\ndistanceMeasure_en = false\n[DOA]\nextra_en = false\n"
+           "DOAVersionSelect = " + n(program) + "\n" + more;
+}
 
 } // namespace kerneltest
 

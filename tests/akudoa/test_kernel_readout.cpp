@@ -1,275 +1,213 @@
-// Frame intake, heat-map readout, coordinate correction and program control
-// through the kernel, on a small 16-microphone camera.
+// Frame intake, heat-map readout, target range, coordinate correction and
+// program control through the kernel, on small cameras.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cmath>
+#include <sstream>
 #include <thread>
-#include <vector>
+#include <tuple>
 
+#include "AKUDoa/akudoacordinate_p.h"
 #include "AKUDoa/akudoaquantizev3.h"
+#include "AKUDoa/akudoaquantizev4.h"
 #include "kernel_fixture.h"
 #include "support/akudoagrid.h"
-#include "support/akudoasim.h"
 
 using namespace kerneltest;
 
 namespace {
 
-// 16 x 12 image, 256-sample frames (bins of 375 Hz), 20-40 kHz band.
-std::string smallCamera(int correction, int rotate, const std::string& extra = "")
+// Capture frame (rows scattered through micIndex) of the sources.
+AkuMat capture(const StCamCfg& cfg, const std::vector<AkuSimSource>& sources)
 {
-    return "[AudioRecordingParam]\nchannel_num = 16\nframe_size = 256\nsample_frequency = 96000\n"
-           "[AcousticCameraParam]\nimage_resolution_row = 16\nimage_resolution_col = 12\n"
-           "image_correction_flag = " + std::to_string(correction) + "\nrotate_mode = " + std::to_string(rotate) +
-           "\nrx1 = 0\nrx2 = 0\nrx3 = 1\nry1 = 0\nry2 = 1\nry3 = 0\ndistanceMeasure_en = false\n"
-           "[DOA]\nextra_en = false\n" + extra;
+    return AkuMat(akugrid_capture_frame(cfg, akugrid_frame(cfg, sources).get()));
 }
 
-struct Owned {
-    mat2d_fp32* m;
-    explicit Owned(mat2d_fp32* p) : m(p) {}
-    Owned(int r, int c) : m(create_mat2d_fp32(r, c)) {}
-    ~Owned() { destroy_mat2d_fp32(m); }
-};
-
-// Capture frame with a plane wave from unrotated pixel (k, c).
-mat2d_fp32* sceneFrame(const StCamCfg& cfg, const std::vector<std::pair<int, int>>& pixels)
+// The kernel's engine kind and coordinate table are those of its program.
+void expectProgramParts(AKUDoaKernelPrivate* d, bool gridding)
 {
-    std::vector<AkuSimSource> sources;
-    uint32_t seed = 11;
-    for (const auto& p : pixels)
-        sources.push_back(akugrid_far_source(cfg, p.first, p.second, seed++));
-    Owned arrayFrame(akusim_frame(akusim_array_from_cfg(cfg), sources, cfg.sampleFrequency, cfg.frameSize));
-    return akugrid_capture_frame(cfg, arrayFrame.m);
-}
-
-std::vector<float> flat(const mat2d_fp32* m)
-{
-    std::vector<float> v;
-    for (int i = 0; i < m->rows; ++i)
-        v.insert(v.end(), m->data[i], m->data[i] + m->cols);
-    return v;
+    const StCamCfg& c = d->cfg;
+    std::vector<float> t(static_cast<size_t>(c.imageResolutionRow) * c.imageResolutionCol * 2);
+    (gridding ? akudoa_cordinate_generate_v4 : akudoa_cordinate_generate)(CordinateMat{c.rx1, c.rx2, c.rx3, c.ry1, c.ry2, c.ry3},
+                                                                           static_cast<float>(c.sectionFactor), c.imageResolutionRow, c.imageResolutionCol, t.data());
+    EXPECT_EQ(t, std::vector<float>(d->cordinate->data, d->cordinate->data + d->cordinate->n)) << "gridding " << gridding;
+    EXPECT_EQ(dynamic_cast<AKUDoaQuantizeV4*>(d->doaEngine) != nullptr, gridding);
 }
 
 } // namespace
 
-// Catches orientation and frame-order faults between capture and image: a
-// source placed at a pixel shows up there, for every orientation, with the
-// capture channels scattered through micIndex.
-TEST_F(KernelTest, EndToEndSmallSourceAppearsAtItsPixel)
+// Focusing rebuilds the engine of either kind for the near field (the
+// update is logged with its distance and state), and a point at the focus
+// distance then appears at its pixel (the gridding program in its own
+// 32 x 24 format); for the steering-table engine the target power of its
+// cell is what the map shows.
+TEST_F(KernelTest, FocusDistanceReachesTheEngine)
 {
-    const int pixels[][2] = {{3, 2}, {11, 8}};
-    for (int rotate = 0; rotate < 4; ++rotate) {
+    for (auto [program, rows, cols, focus] : {std::tuple<int, int, int, float>{3, 16, 12, 0.6f}, {4, 32, 24, 0.3f}}) {
         AKUDoaKernel k;
-        ASSERT_TRUE(k.init(ini(smallCamera(0, rotate)).c_str()));
+        ASSERT_TRUE(k.init(ini(cameraIni(16, 256, rows, cols, program, 1, 1)).c_str()));
+        k.setFocusDis(focus, true);
+        std::ostringstream line;
+        line << "doakernel setFocusDis: TargetDistance = " << focus << " ENABLE  use time(ms) ";
+        EXPECT_EQ(bodies().back().rfind(line.str(), 0), 0u) << bodies().back();
         const StCamCfg& cfg = priv(k)->cfg;
-        for (const auto& p : pixels) {
-            Owned frame(sceneFrame(cfg, {{p[0], p[1]}}));
-            Owned map(16, 12);
-            ASSERT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
+        for (auto [pk, pc] : {std::pair<int, int>{rows / 4 - 1, cols / 4}, {rows * 11 / 16, cols * 2 / 3}}) {
+            AkuMat frame = capture(cfg, {program == 4 ? akugrid_gridding_source(cfg, pk, pc, focus) : akugrid_near_source(cfg, pk, pc)}), map = akumat(rows, cols);
+            ASSERT_TRUE(k.readHeatMap(frame.get(), map.get(), nullptr, 0));
             int r, c, er, ec;
-            akugrid_argmax(map.m, r, c);
-            akugrid_rotated(rotate, 16, 12, p[0], p[1], er, ec);
-            EXPECT_LE(std::abs(r - er), 1) << "rotate " << rotate;
-            EXPECT_LE(std::abs(c - ec), 1) << "rotate " << rotate;
-
-            // The target power at the source's cell is what the map shows.
-            const fpoint2d at = k.getPaWithTarget(fpoint2d{0.0f, er, ec});
-            EXPECT_EQ(at.x, er);
-            EXPECT_EQ(at.y, ec);
-            EXPECT_FLOAT_EQ(at.val, map.m->data[er][ec]) << "rotate " << rotate;
+            akugrid_argmax(map.get(), r, c);
+            akugrid_rotated(program == 4 ? 0 : 1, rows, cols, pk, pc, er, ec);
+            EXPECT_LE(std::abs(r - er), 1) << program << " found " << r << "," << c;
+            EXPECT_LE(std::abs(c - ec), 1) << program << " found " << r << "," << c;
+            EXPECT_FLOAT_EQ(program == 3 ? k.getPaWithTarget(fpoint2d{0.0f, er, ec}).val : map->data[er][ec], map->data[er][ec]);
         }
     }
 }
 
-// With correction off the caller gets the engine's map; with the identity
-// correction the same values; with a one-row shift the raw map moved by one
-// row (the last row extrapolates from the edge).
+// Correction off: the engine's own map of the frame in array order, after
+// the default Tukey window. The identity correction gives the same values;
+// a one-row shift (offsets in raw rows times the section factor 10) moves it
+// by one row, the last row extrapolating from the edge; a target in picture
+// coordinates is moved the same way. Self terms and a Hann window change
+// the image; a program switch restores the default window.
 TEST_F(KernelTest, CorrectionResamplesTheEngineMap)
 {
-    AKUDoaKernel plain;
-    ASSERT_TRUE(plain.init(ini(smallCamera(0, 1), "plain.ini").c_str()));
-    Owned frame(sceneFrame(priv(plain)->cfg, {{5, 4}, {12, 9}}));
-    Owned direct(16, 12);
-    ASSERT_TRUE(plain.readHeatMap(frame.m, direct.m, nullptr, 0));
-
-    // The same frame through a separately built engine, in array order.
-    {
-        AKUDoaQuantizeV3 engine;
-        StCamCfg cfg = priv(plain)->cfg;
-        engine.doaInit(&cfg);
-        AKUFFTWindow w(256, FFT_WINDOW_TUKEY, 0.0f, 0.0f, 0.2f);
-        engine.updateFFTWin(w.data()->data, w.data()->n);
-        Owned arrayFrame(16, 256);
-        for (int m = 0; m < 16; ++m)
-            for (int n = 0; n < 256; ++n) arrayFrame.m->data[m][n] = frame.m->data[cfg.micIndex[m]][n];
-        Owned map(16, 12);
-        engine.executeDOA(arrayFrame.m, *plain.freqBandsManager(), map.m);
-        EXPECT_EQ(flat(map.m), flat(direct.m));
-    }
-
-    AKUDoaKernel corrected;
-    ASSERT_TRUE(corrected.init(ini(smallCamera(1, 1), "corr.ini").c_str()));
-    Owned identity(16, 12);
-    ASSERT_TRUE(corrected.readHeatMap(frame.m, identity.m, nullptr, 0));
-    EXPECT_EQ(flat(identity.m), flat(direct.m));
-
-    // u = i + 1: offsets are in raw rows times the section factor (10).
+    AKUDoaKernel plain, corrected;
+    ASSERT_TRUE(plain.init(ini(cameraIni(16, 256, 16, 12, 3, 1, 0), "plain.ini").c_str()));
+    ASSERT_TRUE(corrected.init(ini(cameraIni(16, 256, 16, 12, 3, 1, 1), "corr.ini").c_str()));
+    StCamCfg cfg = priv(plain)->cfg;
+    AkuMat frame = capture(cfg, {akugrid_far_source(cfg, 5, 4, 11), akugrid_far_source(cfg, 12, 9, 12)});
+    AkuMat direct = akumat(16, 12), map = akumat(16, 12), arrayFrame = akumat(16, 256);
+    ASSERT_TRUE(plain.readHeatMap(frame.get(), direct.get(), nullptr, 0));
+    AKUDoaQuantizeV3 engine;
+    AKUFFTWindow w(256, FFT_WINDOW_TUKEY, 0.0f, 0.0f, 0.2f);
+    engine.doaInit(&cfg), engine.updateFFTWin(w.data()->data, w.data()->n);
+    for (int m = 0; m < 16; ++m)
+        std::copy(frame->data[cfg.micIndex[m]], frame->data[cfg.micIndex[m]] + 256, arrayFrame->data[m]);
+    engine.executeDOA(arrayFrame.get(), *plain.freqBandsManager(), map.get());
+    EXPECT_EQ(akugrid_flat(map.get()), akugrid_flat(direct.get()));
+    ASSERT_TRUE(corrected.readHeatMap(frame.get(), map.get(), nullptr, 0));
+    EXPECT_EQ(akugrid_flat(map.get()), akugrid_flat(direct.get()));
     corrected.updateCordinateMat(CordinateMat{10.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f});
-    EXPECT_EQ(corrected.cordinateMat().rx1, 10.0f);
-    Owned shifted(16, 12);
-    ASSERT_TRUE(corrected.readHeatMap(frame.m, shifted.m, nullptr, 0));
-    for (int i = 0; i < 15; ++i)
-        for (int j = 0; j < 12; ++j) EXPECT_FLOAT_EQ(shifted.m->data[i][j], direct.m->data[i + 1][j]);
-    for (int j = 0; j < 12; ++j) EXPECT_FLOAT_EQ(shifted.m->data[15][j], 2.0f * direct.m->data[15][j]);
-
-    // A target given in picture coordinates is moved the same way.
+    ASSERT_TRUE(corrected.readHeatMap(frame.get(), map.get(), nullptr, 0));
+    for (int i = 0; i < 16; ++i)
+        for (int j = 0; j < 12; ++j)
+            EXPECT_FLOAT_EQ(map->data[i][j], i < 15 ? direct->data[i + 1][j] : 2.0f * direct->data[15][j]) << i << "," << j;
     const fpoint2d t = corrected.getPaWithTarget(fpoint2d{0.0f, 3, 4});
     EXPECT_EQ(t.x, 3);
-    EXPECT_FLOAT_EQ(t.val, direct.m->data[4][4]);
+    EXPECT_FLOAT_EQ(t.val, direct->data[4][4]);
+
+    for (int step = 0; step < 3; ++step) {
+        step == 0 ? plain.setFFTWindow_doa(FFT_WINDOW_HANN, 0.0f, 0.0f, 0.0f)
+        : step == 1 ? (plain.setDoaProgram(AKUDoaKernel::DOA_PROGRAM_V5_PROCESS_3), plain.setDoaProgram(AKUDoaKernel::DOA_PROGRAM_V3))
+                    : plain.setSpectrumSelf(true);
+        ASSERT_TRUE(plain.readHeatMap(frame.get(), map.get(), nullptr, 0));
+        EXPECT_EQ(akugrid_flat(map.get()) == akugrid_flat(direct.get()), step == 1) << "step " << step;
+    }
 }
 
-// A null caller map still images the frame (so the target calls see it) but
-// skips the power spectrum; with a map the spectrum comes in reverse order.
-TEST_F(KernelTest, NullMapSkipsSpectrumAndSpectrumIsReversed)
+// A null caller map still images the frame (the target calls see it) but
+// skips the power spectrum; with a map the spectrum comes highest bin
+// first, its energy in the 20-40 kHz band (bins 54-106 of 256 samples).
+// Radius mode set before the first frame computes only the central square
+// (with self terms, every pixel of it has power).
+TEST_F(KernelTest, NullMapSpectrumAndRadiusMode)
 {
     AKUDoaKernel k;
-    ASSERT_TRUE(k.init(ini(smallCamera(1, 1)).c_str()));
-    Owned frame(sceneFrame(priv(k)->cfg, {{8, 6}}));
+    ASSERT_TRUE(k.init(ini(cameraIni(16, 256, 16, 12, 3, 0, 1)).c_str()));
+    AkuMat frame = capture(priv(k)->cfg, {akugrid_far_source(priv(k)->cfg, 8, 6)}), map = akumat(16, 12);
     vec_fp32* spectrum = create_vec_fp32(129);
-    for (int i = 0; i < spectrum->n; ++i) spectrum->data[i] = -7.0f;
-    EXPECT_TRUE(k.readHeatMap(frame.m, nullptr, spectrum, 0));
-    for (int i = 0; i < spectrum->n; ++i) ASSERT_EQ(spectrum->data[i], -7.0f);
-    EXPECT_GT(k.getPaWithTarget(fpoint2d{0.0f, 16 - 1 - 8, 12 - 1 - 6}).val, 0.0f);
-
-    Owned map(16, 12);
-    EXPECT_TRUE(k.readHeatMap(frame.m, map.m, spectrum, 0));
-    // Energy sits in 20-40 kHz (bins 54-106): written at 128 - bin.
+    std::fill(spectrum->data, spectrum->data + 129, -7.0f);
+    EXPECT_TRUE(k.readHeatMap(frame.get(), nullptr, spectrum, 0));
+    EXPECT_EQ(std::count(spectrum->data, spectrum->data + 129, -7.0f), 129);
+    EXPECT_GT(k.getPaWithTarget(fpoint2d{0.0f, 8, 6}).val, 0.0f);
+    EXPECT_TRUE(k.readHeatMap(frame.get(), map.get(), spectrum, 0));
     float inBand = 0.0f, outBand = 0.0f;
-    for (int bin = 0; bin < 129; ++bin) {
-        const float p = spectrum->data[128 - bin];
-        EXPECT_GE(p, 0.0f);
-        if (bin >= 56 && bin <= 104) inBand += p;
-        if (bin < 40 || bin > 120) outBand += p;
-    }
+    for (int bin = 0; bin < 129; ++bin)
+        inBand += bin >= 56 && bin <= 104 ? spectrum->data[128 - bin] : 0.0f, outBand += bin < 40 || bin > 120 ? spectrum->data[128 - bin] : 0.0f;
     EXPECT_GT(inBand, 1000.0f * outBand);
+    EXPECT_GE(*std::min_element(spectrum->data, spectrum->data + 129), 0.0f);
     destroy_vec_fp32(spectrum);
+    AKUDoaKernel radius;
+    ASSERT_TRUE(radius.init(ini(cameraIni(16, 256, 16, 12, 3, 0, 0), "radius.ini").c_str()));
+    radius.setFocusRadius(true);
+    radius.setSpectrumSelf(true);
+    ASSERT_TRUE(radius.readHeatMap(frame.get(), map.get(), nullptr, 0));
+    for (int i = 0; i < 16; ++i)
+        for (int j = 0; j < 12; ++j)
+            EXPECT_EQ(map->data[i][j] > 0.0f, i >= 5 && i < 11 && j >= 3 && j < 9) << i << "," << j;
 }
 
-// Program switching: same program is a no-op without a log line; V3 -> 53
-// -> V3 logs both messages each way and the first image comes back exactly.
+// Program switching: the engine, the coordinate table and the stored
+// program follow, both messages are logged, the new engine gets the default
+// window, and switching back reproduces the first image exactly. The same
+// program again is a no-op without a log line; out-of-range enumerators and
+// unknown stored programs read as V3.
 TEST_F(KernelTest, ProgramSwitchRebuildsAndReproduces)
 {
-    AKUDoaKernel k;
-    ASSERT_TRUE(k.init(ini(smallCamera(0, 1)).c_str()));
-    EXPECT_EQ(k.getDoaProgram(), AKUDoaKernel::DOA_PROGRAM_V3);
-    Owned frame(sceneFrame(priv(k)->cfg, {{4, 3}}));
-    Owned first(16, 12), second(16, 12), again(16, 12);
-    ASSERT_TRUE(k.readHeatMap(frame.m, first.m, nullptr, 0));
-
+    AKUDoaKernel k, unknown;
+    ASSERT_TRUE(k.init(ini(cameraIni(16, 256, 32, 24, 3, 1, 1)).c_str()));
+    ASSERT_TRUE(unknown.init(ini(cameraIni(16, 256, 32, 24, 7, 1, 1), "unknown.ini").c_str()));
+    EXPECT_EQ(unknown.getDoaProgram(), AKUDoaKernel::DOA_PROGRAM_V3);
+    AKUDoaKernelPrivate* d = priv(k);
+    AkuMat frame = capture(d->cfg, {akugrid_gridding_source(d->cfg, 10, 15)}), first = akumat(32, 24), map = akumat(32, 24);
+    ASSERT_TRUE(k.readHeatMap(frame.get(), first.get(), nullptr, 0));
     capturedLines().clear();
     k.setDoaProgram(AKUDoaKernel::DOA_PROGRAM_V3);
     EXPECT_TRUE(capturedLines().empty());
-
-    k.setDoaProgram(AKUDoaKernel::DOA_PROGRAM_V5_PROCESS_3);
-    EXPECT_TRUE(logged("AKUDoaKernel::setDoaProgram start set doa program v5 process 3 "));
-    EXPECT_TRUE(logged("AKUDoaKernel::setDoaProgram set doa program v5 process 3 ok "));
-    EXPECT_EQ(k.getDoaProgram(), AKUDoaKernel::DOA_PROGRAM_V5_PROCESS_3);
-    EXPECT_EQ(priv(k)->cfg.doaVersionSelect, 53);
-    ASSERT_TRUE(k.readHeatMap(frame.m, second.m, nullptr, 0));
-    EXPECT_NE(flat(second.m), flat(first.m));
-
-    k.setDoaProgram(AKUDoaKernel::DOA_PROGRAM_V3);
-    EXPECT_TRUE(logged("AKUDoaKernel::setDoaProgram set doa program v3 ok "));
-    ASSERT_TRUE(k.readHeatMap(frame.m, again.m, nullptr, 0));
-    EXPECT_EQ(flat(again.m), flat(first.m));
-
-    // Out-of-range enumerators are ignored.
+    for (auto [program, stored, name] : {std::tuple<DOAProgarm, int, std::string>{AKUDoaKernel::DOA_PROGRAM_V5_PROCESS_3, 53, "v5 process 3"},
+                                         {AKUDoaKernel::DOA_PROGRAM_V5_PROCESS_4, 54, "v5 process 4"},
+                                         {AKUDoaKernel::DOA_PROGRAM_V4, 4, "v4"}, {AKUDoaKernel::DOA_PROGRAM_V3, 3, "v3"}}) {
+        capturedLines().clear();
+        k.setDoaProgram(program);
+        EXPECT_EQ(bodies().front(), "AKUDoaKernel::setDoaProgram start set doa program " + name + " ");
+        EXPECT_EQ(bodies().back(), "AKUDoaKernel::setDoaProgram set doa program " + name + " ok ");
+        EXPECT_EQ(k.getDoaProgram(), program);
+        EXPECT_EQ(d->cfg.doaVersionSelect, stored);
+        expectProgramParts(d, stored % 10 == 4);
+        ASSERT_TRUE(k.readHeatMap(frame.get(), map.get(), nullptr, 0));
+        const std::vector<float> now = akugrid_flat(map.get());
+        EXPECT_GT(*std::max_element(now.begin(), now.end()), 0.0f) << name;
+        EXPECT_EQ(now == akugrid_flat(first.get()), stored == 3) << name;
+    }
     k.setDoaProgram(static_cast<DOAProgarm>(9));
     EXPECT_EQ(k.getDoaProgram(), AKUDoaKernel::DOA_PROGRAM_V3);
 }
 
-// An unknown stored program reads back as V3 and images with V3.
-TEST_F(KernelTest, UnknownProgramReadsAsV3)
+// Target range of band-limited sources at one pixel, with and without
+// frequency averaging (accepted peaks record the band entry's own bin, so
+// the range stays at full resolution): one band 24-28 kHz, or three
+// separated bands with the middle one widest (the range is that band). The
+// window leaks a few bins past the edges. A target in the far corner finds
+// nothing and leaves the power alone; the source's cell is louder than the
+// mirrored one.
+TEST_F(KernelTest, TargetRangeFollowsTheLargestBand)
 {
-    AKUDoaKernel k;
-    ASSERT_TRUE(k.init(ini(smallCamera(0, 1, "DOAVersionSelect = 7\n")).c_str()));
-    EXPECT_EQ(k.getDoaProgram(), AKUDoaKernel::DOA_PROGRAM_V3);
-    Owned frame(sceneFrame(priv(k)->cfg, {{4, 3}}));
-    Owned map(16, 12);
-    EXPECT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
-}
-
-// Focusing: the V3 engine of program 53 is rebuilt for the near field (the
-// log names the distance and the state), and a point source at the focus
-// distance then appears at its pixel.
-TEST_F(KernelTest, FocusDistanceRebuildsTheEngine)
-{
-    AKUDoaKernel k;
-    ASSERT_TRUE(k.init(ini(smallCamera(0, 1)).c_str()));
-    capturedLines().clear();
-    k.setFocusDis(0.6f, true);
-    EXPECT_EQ(k.getFocusDis(), 0.6f);
-    EXPECT_TRUE(k.getFocusDisEn());
-    bool sawLine = false;
-    for (const std::string& l : bodies())
-        if (l.rfind("doakernel setFocusDis: TargetDistance = 0.6 ENABLE  use time(ms) ", 0) == 0) sawLine = true;
-    EXPECT_TRUE(sawLine);
-
-    const StCamCfg& cfg = priv(k)->cfg;
-    const int pk = 5, pc = 8;
-    Owned arrayFrame(akusim_frame(akusim_array_from_cfg(cfg), {akugrid_near_source(cfg, pk, pc, 3)},
-                                  cfg.sampleFrequency, cfg.frameSize));
-    Owned frame(akugrid_capture_frame(cfg, arrayFrame.m));
-    Owned map(16, 12);
-    ASSERT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
-    int r, c, er, ec;
-    akugrid_argmax(map.m, r, c);
-    akugrid_rotated(1, 16, 12, pk, pc, er, ec);
-    EXPECT_LE(std::abs(r - er), 1);
-    EXPECT_LE(std::abs(c - ec), 1);
-}
-
-// Windows and modes reach the engine; a program switch restores the default
-// imaging window.
-TEST_F(KernelTest, WindowSettersReachTheEngines)
-{
-    AKUDoaKernel k;
-    ASSERT_TRUE(k.init(ini(smallCamera(0, 1)).c_str()));
-    Owned frame(sceneFrame(priv(k)->cfg, {{4, 3}}));
-    Owned map(16, 12);
-    // The default Tukey(0.2) image, then a Hann window changes it.
-    ASSERT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
-    const std::vector<float> tukey = flat(map.m);
-    k.setFFTWindow_doa(FFT_WINDOW_HANN, 0.0f, 0.0f, 0.0f);
-    ASSERT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
-    EXPECT_NE(flat(map.m), tukey);
-    k.setDoaProgram(AKUDoaKernel::DOA_PROGRAM_V5_PROCESS_3);
-    k.setDoaProgram(AKUDoaKernel::DOA_PROGRAM_V3);
-    ASSERT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
-    EXPECT_EQ(flat(map.m), tukey);
-
-    // Self-spectrum and radius modes are forwarded.
-    k.setSpectrumSelf(true);
-    EXPECT_TRUE(k.spectrumSelf());
-    ASSERT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
-    EXPECT_NE(flat(map.m), tukey);
-
-    // Radius mode set before the first frame: only the central square of
-    // the image is computed, everything else stays zero.
-    AKUDoaKernel radius;
-    ASSERT_TRUE(radius.init(ini(smallCamera(0, 0), "radius.ini").c_str()));
-    radius.setFocusRadius(true);
-    EXPECT_TRUE(radius.focusRadius());
-    ASSERT_TRUE(radius.readHeatMap(frame.m, map.m, nullptr, 0));
-    for (int i = 0; i < 16; ++i)
-        for (int j = 0; j < 12; ++j) {
-            const bool inside = i >= 8 - 3 && i < 8 + 3 && j >= 3 && j < 3 + 6;
-            if (!inside) {
-                EXPECT_EQ(map.m->data[i][j], 0.0f) << i << "," << j;
-            }
+    struct Case { bool average; std::vector<std::pair<double, double>> bands; int lo, hi, tolerance; };
+    for (const Case& cs : {Case{false, {{24000, 28000}}, 24000, 28000, 1400}, Case{true, {{24000, 28000}}, 24000, 28000, 1400},
+                           Case{false, {{21000, 22000}, {27000, 32000}, {37500, 38500}}, 27000, 32000, 1000}}) {
+        AKUDoaKernel k;
+        ASSERT_TRUE(k.init(ini(cameraIni(64, 1024, 16, 12, 3, 1, 0, cs.average ? "[AcousticCameraParam]\nfreq_average = true\n" : "")).c_str()));
+        std::vector<AkuSimSource> sources;
+        for (auto [low, high] : cs.bands) {
+            sources.push_back(akugrid_far_source(priv(k)->cfg, 4, 3, 5 + static_cast<uint32_t>(sources.size())));
+            sources.back().lowHz = low, sources.back().highHz = high;
         }
+        AkuMat frame = capture(priv(k)->cfg, sources), map = akumat(16, 12);
+        int lo = 0, hi = 0;
+        float power = 0.0f;
+        ASSERT_TRUE(k.readHeatMap(frame.get(), map.get(), fpoint2d{0.0f, 11, 8}, lo, hi, power, nullptr, 0));
+        EXPECT_NEAR(lo, cs.lo, cs.tolerance) << "average " << cs.average;
+        EXPECT_NEAR(hi, cs.hi, cs.tolerance) << "average " << cs.average;
+        EXPECT_GT(power, 0.0f);
+        if (!cs.average) { // averaged, the target power reads table rows by full-resolution bin
+            EXPECT_GT(k.getPaWithTarget(fpoint2d{0.0f, 11, 8}).val, 3.0f * k.getPaWithTarget(fpoint2d{0.0f, 4, 3}).val);
+        }
+        power = 0.25f;
+        ASSERT_TRUE(k.readHeatMap(frame.get(), map.get(), fpoint2d{0.0f, 0, 0}, lo, hi, power, nullptr, 0));
+        EXPECT_EQ(std::make_tuple(lo, hi, power), std::make_tuple(-1, -1, 0.25f));
+    }
 }
 
 // One capture thread reads heat maps while another switches focus distance,
@@ -278,29 +216,20 @@ TEST_F(KernelTest, WindowSettersReachTheEngines)
 TEST_F(KernelTest, ConcurrencyReadoutWhileSettersRun)
 {
     AKUDoaKernel k;
-    ASSERT_TRUE(k.init(ini(smallCamera(1, 1)).c_str()));
-    Owned frame(sceneFrame(priv(k)->cfg, {{4, 3}}));
-    std::atomic<bool> done{false};
-    std::atomic<int> frames{0};
+    ASSERT_TRUE(k.init(ini(cameraIni(16, 256, 16, 12, 3, 1, 1)).c_str()));
+    AkuMat frame = capture(priv(k)->cfg, {akugrid_far_source(priv(k)->cfg, 4, 3)});
+    std::atomic<int> frames{0}, done{0};
     std::thread reader([&] {
-        Owned map(16, 12);
+        AkuMat map = akumat(16, 12);
         vec_fp32* spectrum = create_vec_fp32(64);
-        for (int i = 0; i < 40; ++i) {
-            if (k.readHeatMap(frame.m, map.m, spectrum, 1)) ++frames;
-            k.getPaWithTarget(fpoint2d{0.0f, 3, 3});
-        }
-        destroy_vec_fp32(spectrum);
-        done = true;
+        for (int i = 0; i < 200; ++i) // a target corrected against a concurrent coefficient update
+            i % 5 ? (void)k.getPaWithTarget(fpoint2d{0.0f, 3, 3}) : (void)(frames += k.readHeatMap(frame.get(), map.get(), spectrum, 1));
+        destroy_vec_fp32(spectrum), done = 1;
     });
-    int round = 0;
-    while (!done) {
-        k.setFocusDis(round % 2 ? 0.8f : 1.2f, round % 3 == 0);
-        k.setSpectrumSelf(round % 2 == 0);
-        k.setFocusRadius(round % 4 == 1);
-        k.setFFTWindow_doa(round % 2 ? FFT_WINDOW_HANN : FFT_WINDOW_TUKEY, 0.0f, 0.0f, 0.2f);
-        k.setFFTWindow_pickup(FFT_WINDOW_HANN, 0.0f, 0.0f, 1.0f);
+    for (int round = 0; !done; ++round) {
+        k.setFocusDis(round % 2 ? 0.8f : 1.2f, round % 3 == 0), k.setSpectrumSelf(round % 2 == 0), k.setFocusRadius(round % 4 == 1);
+        k.setFFTWindow_doa(round % 2 ? FFT_WINDOW_HANN : FFT_WINDOW_TUKEY, 0.0f, 0.0f, 0.2f), k.setFFTWindow_pickup(FFT_WINDOW_HANN, 0.0f, 0.0f, 1.0f);
         k.updateCordinateMat(CordinateMat{0.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f});
-        ++round;
     }
     reader.join();
     EXPECT_EQ(frames.load(), 40);

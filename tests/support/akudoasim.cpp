@@ -15,31 +15,14 @@ double wrapPi(double a)
         a += 2.0 * kPi;
     return a;
 }
-
-void layout128(std::vector<double>& phi, std::vector<double>& radius)
-{
-    phi.assign(128, 0.0);
-    radius.assign(128, 0.0);
-    for (int k = 0; k < 7; ++k)
-        for (int j = 0; j < 17; ++j) {
-            radius[17 * k + j] = 0.0171 + 0.0071 * k;
-            phi[17 * k + j] = wrapPi((k * 360.0 / 7.0 + j * 360.0 / 17.0) * kPi / 180.0);
-        }
-    for (int j = 0; j < 9; ++j) {
-        radius[119 + j] = 0.01;
-        phi[119 + j] = wrapPi((80.0 + 40.0 * j) * kPi / 180.0);
-    }
-}
 } // namespace
 
 AkuSimArray akusim_array_from_cfg(const StCamCfg& cfg)
 {
     AkuSimArray a;
-    for (int m = 0; m < cfg.channelNum; ++m) {
-        a.x.push_back(static_cast<double>(cfg.micRadius[m]) * std::cos(static_cast<double>(cfg.micPhi[m])));
-        a.y.push_back(static_cast<double>(cfg.micRadius[m]) * std::sin(static_cast<double>(cfg.micPhi[m])));
-        a.z.push_back(0.0);
-    }
+    for (int m = 0; m < cfg.channelNum; ++m)
+        a.x.push_back(static_cast<double>(cfg.micRadius[m]) * std::cos(static_cast<double>(cfg.micPhi[m]))),
+            a.y.push_back(static_cast<double>(cfg.micRadius[m]) * std::sin(static_cast<double>(cfg.micPhi[m]))), a.z.push_back(0.0);
     return a;
 }
 
@@ -50,43 +33,28 @@ bool akusim_fill_layout(StCamCfg& cfg, int micCount)
                                   88, 90, 94, 98, 100, 103, 105, 107, 109, 111, 113, 115, 118, 120, 123, 126};
     static const int idx36[36] = {3,  6,  12, 15, 19, 22, 25, 28, 31, 33, 36, 39, 42, 45, 48, 50, 70, 73,
                                   76, 78, 81, 84, 87, 90, 92, 95, 98, 101, 104, 106, 109, 112, 115, 118, 119, 124};
+    if (micCount != 8 && micCount != 16 && micCount != 36 && micCount != 48 && micCount != 64 && micCount != 128)
+        return false;
     cfg.channelNum = micCount;
-    if (micCount == 8 || micCount == 16) {
-        const double r = micCount == 8 ? 0.025 : 0.06;
-        for (int i = 0; i < micCount; ++i) {
-            cfg.micIndex[i] = i;
-            cfg.micRadius[i] = static_cast<float>(r);
-            cfg.micPhi[i] = static_cast<float>(wrapPi(i * 2.0 * kPi / micCount));
-        }
-        return true;
-    }
-    std::vector<double> phi, radius;
-    layout128(phi, radius);
     for (int i = 0; i < micCount; ++i) {
-        int c;
-        switch (micCount) {
-        case 128: c = i; break;
-        case 64: c = 2 * i; break;
-        case 48: c = idx48[i]; break;
-        case 36: c = idx36[i]; break;
-        default: return false;
-        }
+        // Rings of 8 (0.025 m) and 16 (0.06 m); otherwise the seven rings of
+        // 17 plus an inner ring of 9, or a subset of them.
+        const int c = micCount == 64 ? 2 * i : micCount == 48 ? idx48[i] : micCount == 36 ? idx36[i] : i;
+        const int k = c / 17, j = c % 17;
         cfg.micIndex[i] = c;
-        cfg.micPhi[i] = static_cast<float>(phi[c]);
-        cfg.micRadius[i] = static_cast<float>(radius[c]);
+        cfg.micRadius[i] = static_cast<float>(micCount <= 16 ? (micCount == 8 ? 0.025 : 0.06) : c < 119 ? 0.0171 + 0.0071 * k : 0.01);
+        cfg.micPhi[i] = static_cast<float>(wrapPi(micCount <= 16 ? i * 2.0 * kPi / micCount
+                                                  : c < 119 ? (k * 360.0 / 7.0 + j * 360.0 / 17.0) * kPi / 180.0
+                                                            : (80.0 + 40.0 * (c - 119)) * kPi / 180.0));
     }
     return true;
 }
 
-mat2d_fp32* akusim_frame(const AkuSimArray& array, const std::vector<AkuSimSource>& sources, int sampleRate,
-                         int frameSize)
+mat2d_fp32* akusim_frame(const AkuSimArray& array, const std::vector<AkuSimSource>& sources, int sampleRate, int frameSize)
 {
-    const int M = array.count();
-    const int N = frameSize;
-    const int K = N / 2 + 1;
+    const int M = array.count(), N = frameSize, K = N / 2 + 1;
     // Spectrum of every microphone, accumulated over the sources.
-    std::vector<std::vector<std::complex<double>>> X(static_cast<size_t>(M),
-                                                     std::vector<std::complex<double>>(static_cast<size_t>(K)));
+    std::vector<std::vector<std::complex<double>>> X(static_cast<size_t>(M), std::vector<std::complex<double>>(static_cast<size_t>(K)));
     for (const AkuSimSource& s : sources) {
         std::mt19937 rng(s.seed);
         std::uniform_real_distribution<double> phase(-kPi, kPi);
@@ -97,40 +65,24 @@ mat2d_fp32* akusim_frame(const AkuSimArray& array, const std::vector<AkuSimSourc
             if (f >= s.lowHz && f <= s.highHz)
                 S[k] = std::polar(s.amplitude, ph);
         }
-        double ux = s.x, uy = s.y, uz = s.z;
-        if (!s.pointSource) {
-            const double n = std::sqrt(ux * ux + uy * uy + uz * uz);
-            ux /= n;
-            uy /= n;
-            uz /= n;
-        }
+        const double n = s.pointSource ? 1.0 : std::sqrt(s.x * s.x + s.y * s.y + s.z * s.z);
+        const double ux = s.x / n, uy = s.y / n, uz = s.z / n;
         for (int m = 0; m < M; ++m) {
-            double tau, gain;
-            if (s.pointSource) {
-                const double dx = array.x[m] - s.x, dy = array.y[m] - s.y, dz = array.z[m] - s.z;
-                const double r = std::sqrt(dx * dx + dy * dy + dz * dz);
-                tau = r / kAkuSimSoundSpeed;
-                gain = 1.0 / r;
-            } else {
-                // A microphone further along the arrival direction hears the
-                // wave earlier.
-                tau = -(array.x[m] * ux + array.y[m] * uy + array.z[m] * uz) / kAkuSimSoundSpeed;
-                gain = 1.0;
-            }
-            for (int k = 1; k < K - 1; ++k) {
-                if (S[k] == 0.0)
-                    continue;
-                const double w = 2.0 * kPi * k * sampleRate / N;
-                X[m][k] += S[k] * gain * std::polar(1.0, -w * tau);
-            }
+            const double dx = array.x[m] - s.x, dy = array.y[m] - s.y, dz = array.z[m] - s.z;
+            const double r = std::sqrt(dx * dx + dy * dy + dz * dz);
+            // A microphone further along a plane wave's arrival direction
+            // hears it earlier; a point source spreads as 1/r.
+            const double tau = s.pointSource ? r / kAkuSimSoundSpeed : -(array.x[m] * ux + array.y[m] * uy + array.z[m] * uz) / kAkuSimSoundSpeed;
+            const double gain = s.pointSource ? 1.0 / r : 1.0;
+            for (int k = 1; k < K - 1; ++k)
+                if (S[k] != 0.0)
+                    X[m][k] += S[k] * gain * std::polar(1.0, -2.0 * kPi * k * sampleRate / N * tau);
         }
     }
     // Real inverse DFT: x[n] = (1/N) * sum over k of 2 Re(X[k] e^{j 2 pi k n / N}).
     std::vector<double> c(static_cast<size_t>(N)), sn(static_cast<size_t>(N));
-    for (int i = 0; i < N; ++i) {
-        c[i] = std::cos(2.0 * kPi * i / N);
-        sn[i] = std::sin(2.0 * kPi * i / N);
-    }
+    for (int i = 0; i < N; ++i)
+        c[i] = std::cos(2.0 * kPi * i / N), sn[i] = std::sin(2.0 * kPi * i / N);
     mat2d_fp32* frame = create_mat2d_fp32(M, N);
     for (int m = 0; m < M; ++m) {
         std::vector<int> active;
