@@ -148,7 +148,9 @@ progs_of() { # tests-field [tsan] -> program names
 rel=$scratch/build
 tsanb=$scratch/build-tsan
 mkdir -p "$rel"
-configure "$rel" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+# The release build's code without its debug information: the same
+# objects, compiled and linked faster.
+configure "$rel" -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -DNDEBUG"
 start=$(date +%s)
 echo "mutants: building the scratch copy in $scratch"
 build "$rel" || { echo "mutants: the unmutated tree does not build, see $rel.build.log" >&2; exit 2; }
