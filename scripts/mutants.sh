@@ -18,6 +18,7 @@
 #     --scratch DIR    scratch directory (default: a new one under TMPDIR;
 #                      an existing one is reused, so builds are incremental)
 #     --keep           keep the scratch directory afterwards
+#     --names          print the selected mutants' names and stop
 #
 # Each line prints `killed`, `survived`, `not-applied` (the edit did not
 # change exactly one line), `not-built` (the mutant does not compile) or
@@ -36,7 +37,7 @@ set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/.." && pwd)
 list=$here/mutants.txt
-every=1 offset=0 sample=0 seed=1 expect="" tsan=0 timeout=600 keep=0 scratch=""
+every=1 offset=0 sample=0 seed=1 expect="" tsan=0 timeout=600 keep=0 scratch="" only_names=0
 jobs=$(nproc)
 names=()
 while [ $# -gt 0 ]; do
@@ -52,6 +53,7 @@ while [ $# -gt 0 ]; do
     --jobs) jobs=$2; shift ;;
     --scratch) scratch=$2; shift ;;
     --keep) keep=1 ;;
+    --names) only_names=1 ;;
     -h|--help) sed -n '2,/^set /p' "$0" | sed -e '$d' -e 's/^# \{0,1\}//'; exit 0 ;;
     -*) echo "mutants: unknown option $1" >&2; exit 2 ;;
     *) names+=("$1") ;;
@@ -82,11 +84,18 @@ for i in "${!all[@]}"; do
     picked+=("$line")
   fi
 done
+for n in "${names[@]}"; do
+  printf '%s\n' "${picked[@]}" | grep -q "^ *$n |" || { echo "mutants: no mutant named $n" >&2; exit 2; }
+done
 if [ "$sample" -gt 0 ]; then
   mapfile -t picked < <(printf '%s\n' "${picked[@]}" |
     shuf -n "$sample" --random-source=<(yes "$seed" 2>/dev/null | head -c 65536))
 fi
 [ ${#picked[@]} -gt 0 ] || { echo "mutants: nothing selected" >&2; exit 2; }
+if [ "$only_names" = 1 ]; then
+  for line in "${picked[@]}"; do trim "${line%% | *}"; echo; done
+  exit 0
+fi
 
 # The scratch copy: tracked and untracked (not ignored) files of the tree.
 made_scratch=0
@@ -176,9 +185,11 @@ run_tests() { # dir tests-field [tsan]
     cache=$scratch/cache
     rm -rf "$cache"
     mkdir -p "$cache"
-    ( cd "$(dirname "$(exe "$dir" "$prog")")" &&
-      AKUDOA_CACHE_DIR=$cache/ OMP_NUM_THREADS=${OMP_NUM_THREADS:-2} \
-        timeout -k 10 "$timeout" "$(exe "$dir" "$prog")" "${args[@]}" ) >>"$scratch/last.log" 2>&1 || rc=1
+    # The outer braces catch the shell's own note on a crash ("Bus error").
+    { ( cd "$(dirname "$(exe "$dir" "$prog")")" &&
+        AKUDOA_CACHE_DIR=$cache/ OMP_NUM_THREADS=${OMP_NUM_THREADS:-2} \
+          timeout -k 10 "$timeout" "$(exe "$dir" "$prog")" "${args[@]}" ) >>"$scratch/last.log" 2>&1; } \
+      2>>"$scratch/last.log" || rc=1
     [ "$rc" = 0 ] || break
   done
   return $rc
