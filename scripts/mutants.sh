@@ -253,7 +253,11 @@ for line in "${picked[@]}"; do
   touch "$target"
   report "$outcome"
   case "$outcome" in
-    killed) killed=$((killed + 1)) ;;
+    killed) killed=$((killed + 1))
+      # The first failing test, or how the program ended.
+      by=$(grep -m1 -E '^\[  FAILED  \] [A-Za-z]' "$scratch/last.log" | awk '{print $4}')
+      [ -n "$by" ] || by=$(grep -m1 -E 'Bus error|Segmentation|Aborted|ThreadSanitizer|Terminated' "$scratch/last.log")
+      echo "            by ${by:-a crash or time-out}" ;;
     survived) survived=$((survived + 1)); expected "$name" || unexpected+=("$name") ;;
     not-built) failed=$((failed + 1)); tail -n 5 "$rel.build.log" | sed 's/^/            /' ;;
   esac
