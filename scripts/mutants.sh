@@ -123,9 +123,11 @@ if command -v ccache >/dev/null; then
   export CCACHE_BASEDIR=/ CCACHE_NOHASHDIR=1
 fi
 
-need_tsan=0
+need_tsan=0 need_plain=0
 for line in "${picked[@]}"; do
-  case "${line##* | }" in *tsan:*) need_tsan=1 ;; esac
+  for e in ${line##* | }; do
+    case "$e" in tsan:*) need_tsan=1 ;; *) need_plain=1 ;; esac
+  done
 done
 
 configure() { # dir extra-args...
@@ -156,13 +158,15 @@ progs_of() { # tests-field [tsan] -> program names
 
 rel=$scratch/build
 tsanb=$scratch/build-tsan
-mkdir -p "$rel"
-# The release build's code without its debug information: the same
-# objects, compiled and linked faster.
-configure "$rel" -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -DNDEBUG"
 start=$(date +%s)
 echo "mutants: building the scratch copy in $scratch"
-build "$rel" || { echo "mutants: the unmutated tree does not build, see $rel.build.log" >&2; exit 2; }
+if [ "$need_plain" = 1 ]; then
+  mkdir -p "$rel"
+  # The release build's code without its debug information: the same
+  # objects, compiled and linked faster.
+  configure "$rel" -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -DNDEBUG"
+  build "$rel" || { echo "mutants: the unmutated tree does not build, see $rel.build.log" >&2; exit 2; }
+fi
 if [ "$need_tsan" = 1 ] && [ "$tsan" = 1 ]; then
   mkdir -p "$tsanb"
   configure "$tsanb" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAKUDOA_TSAN=ON -DAKUDOA_BUILD_TOOLS=OFF
@@ -263,7 +267,7 @@ for line in "${picked[@]}"; do
   esac
 done
 # Leave the builds matching the unmutated tree for a reused scratch copy.
-[ "$made_scratch" = 1 ] && [ "$keep" = 0 ] || build "$rel" >/dev/null 2>&1 || true
+[ "$made_scratch" = 1 ] && [ "$keep" = 0 ] || [ "$need_plain" = 0 ] || build "$rel" >/dev/null 2>&1 || true
 
 total=$(( $(date +%s) - start ))
 echo "$killed killed, $survived survived"
