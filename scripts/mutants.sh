@@ -33,6 +33,7 @@
 # in the thread-sanitizer build. The first field is the name, the second
 # the file, the last the tests; the expression is everything between.
 set -uo pipefail
+{ # Read whole before running: editing this file during a run cannot derail it.
 
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/.." && pwd)
@@ -276,3 +277,5 @@ echo "$killed killed, $survived survived"
 [ ${#unexpected[@]} = 0 ] || echo "survived unexpectedly: ${unexpected[*]}"
 echo "mutants: $total s in all"
 [ "$failed" = 0 ] && [ ${#unexpected[@]} = 0 ]
+exit
+}
