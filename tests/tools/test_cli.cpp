@@ -19,8 +19,8 @@ TEST(ToolErrors, BadInputsEndWithAMessageAndLeaveNothing)
     std::string dir = dirFor("errors");
     writeText(joinPath(dir, "cam.ini"), smallCamera());
     writeText(joinPath(dir, "cam20.ini"), smallCamera(20));
-    // 64 channels for a layout recorded on 128, and the right count at 48 kHz.
-    writeWavFloat(joinPath(dir, "ch64.wav"), std::vector<std::vector<float>>(64, std::vector<float>(2048, 0.1f)),
+    // 63 channels for 64 microphones recorded on 128, and the right count at 48 kHz.
+    writeWavFloat(joinPath(dir, "ch64.wav"), std::vector<std::vector<float>>(63, std::vector<float>(2048, 0.1f)),
                   96000);
     writeWavFloat(joinPath(dir, "rate48.wav"), std::vector<std::vector<float>>(128, std::vector<float>(2048, 0.1f)),
                   48000);
@@ -35,7 +35,7 @@ TEST(ToolErrors, BadInputsEndWithAMessageAndLeaveNothing)
         std::string message;
     };
     const Case cases[] = {
-        {"image --config cam.ini --in ch64.wav --out out", 1, "ch64.wav has 64 channel(s)"},
+        {"image --config cam.ini --in ch64.wav --out out", 1, "ch64.wav has 63 channel(s)"},
         {"image --config cam.ini --in rate48.wav --out out", 1, "sampled at 48000 Hz; cam.ini expects 96000 Hz"},
         {"image --config cam.ini --in short.wav --out out", 1, "less than one frame"},
         {"image --config cam.ini --in missing.wav --out out", 1, "cannot read missing.wav"},
