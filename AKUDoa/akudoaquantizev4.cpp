@@ -9,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+#include "AKUDoa/akudoapickupv4_p.h"
 #include "AKUDoa/akudoaquantizev4_p.h"
 #include "AKUDoa/iakudoaquantize_p.h"
 #include "AKUDoa/akudoatargetrange_p.h"
@@ -666,4 +667,16 @@ void AKUDoaQuantizeV4::findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& ban
     const AKUDoaTargetRangeSource src{d->binMaps, d->rows, d->cols, d->micNum,
                                       d->frameSize, d->sampleRate, d->cfg && d->cfg->freqAverage};
     akudoa_find_target_freq_range(src, d->cluster, target, bands.data(), lowFreq, highFreq, power);
+}
+
+bool AKUDoaQuantizeV4::pickupTargetForCell(int row, int col, int& pickupRow, int& pickupCol) const
+{
+    // Undo the orientation step of executeDOA, then steer at the nearest
+    // pickup point to the direction the gridded cell shows.
+    const StCamCfg& c = *d->cfg;
+    const int mode = c.rotateMode;
+    const int ra = (mode == 0 || mode == 2) ? c.imageResolutionRow - 1 - row : row;
+    const int ca = (mode == 0 || mode == 3) ? c.imageResolutionCol - 1 - col : col;
+    akudoa_pickup_target_for_gridded_cell(c, ra, ca, pickupRow, pickupCol);
+    return true;
 }
