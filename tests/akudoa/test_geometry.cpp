@@ -1,6 +1,6 @@
 // Microphone geometry: built-in layouts, the geometry, sensitivity and INI
-// files (good, short, bad values, files that are not regular), unsupported
-// counts, and the frame copy through micIndex.
+// files (good, short, bad values, files that are not regular), and
+// unsupported counts.
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -207,22 +207,4 @@ TEST_F(KernelTest, UnsupportedMicCountExits)
         EXPECT_EQ(WEXITSTATUS(status), 0) << count;
         EXPECT_EQ(out, "please set correct mic number!!!") << count;
     }
-}
-
-// Frames enter in array order through micIndex: catches an identity copy or
-// an index off by one on the subset arrays.
-TEST_F(KernelTest, FrameCopyFollowsMicIndex)
-{
-    AKUDoaKernel k;
-    ASSERT_TRUE(k.init(ini(iniFor(64)).c_str()));
-    AKUDoaKernelPrivate* p = priv(k);
-    mat2d_fp32* in = create_mat2d_fp32(128, 64);
-    for (int r = 0; r < 128; ++r)
-        for (int c = 0; c < 64; ++c)
-            in->data[r][c] = static_cast<float>(r * 1000 + c);
-    p->pushDoaAudioFrame(in);
-    for (int r = 0; r < 64; ++r)
-        for (int c = 0; c < 64; ++c)
-            ASSERT_EQ(p->doaFrame->data[r][c], static_cast<float>(2 * r * 1000 + c));
-    destroy_mat2d_fp32(in);
 }
