@@ -26,28 +26,15 @@ const char* kCamera = "[AudioRecordingParam]\nchannel_num = 16\nframe_size = 256
                       "rx1 = 0\nrx2 = 0\nrx3 = 1\nry1 = 0\nry2 = 1\nry3 = 0\ndistanceMeasure_en = true\n"
                       "[DOA]\nextra_en = true\n";
 
-struct Mat {
+struct Mat { // owned, filled with v
     mat2d_fp32* m;
-    Mat(int r, int c, float v = 0.0f) : m(create_mat2d_fp32(r, c))
-    {
-        for (int i = 0; i < r; ++i)
-            std::fill(m->data[i], m->data[i] + c, v);
-    }
+    Mat(int r, int c, float v = 0.0f) : m(create_mat2d_fp32(r, c)) { for (int i = 0; i < r; ++i) std::fill(m->data[i], m->data[i] + c, v); }
     explicit Mat(mat2d_fp32* p) : m(p) {}
     ~Mat() { destroy_mat2d_fp32(m); }
-    std::vector<float> flat() const
-    {
-        std::vector<float> v;
-        for (int i = 0; i < m->rows; ++i)
-            v.insert(v.end(), m->data[i], m->data[i] + m->cols);
-        return v;
-    }
+    std::vector<float> flat() const { std::vector<float> v; for (int i = 0; i < m->rows; ++i) v.insert(v.end(), m->data[i], m->data[i] + m->cols); return v; }
 };
 
-bool allFinite(const std::vector<float>& v)
-{
-    return std::all_of(v.begin(), v.end(), [](float x) { return std::isfinite(x); });
-}
+bool allFinite(const std::vector<float>& v) { return std::all_of(v.begin(), v.end(), [](float x) { return std::isfinite(x); }); }
 
 // Capture frame of a plane wave that the engine shows at unrotated (5, 4).
 mat2d_fp32* sourceFrame(const StCamCfg& cfg)
@@ -65,11 +52,7 @@ TEST_F(KernelTest, BadFramesBuffersAndTargets)
 {
     AKUDoaKernel k;
     ASSERT_TRUE(k.init(ini(kCamera).c_str()));
-    struct Shape {
-        const char* name;
-        int frameRows, frameCols, mapRows, mapCols, audio;
-        bool mapsRefused, audioRefused;
-    };
+    struct Shape { const char* name; int frameRows, frameCols, mapRows, mapCols, audio; bool mapsRefused, audioRefused; };
     const Shape shapes[] = {{"frame rows", 15, 256, 16, 12, 256, true, true},
                             {"frame cols", 128, 255, 16, 12, 256, true, true},
                             {"0 x 0 frame", 0, 0, 16, 12, 256, true, true},
@@ -177,19 +160,14 @@ TEST_F(KernelTest, SettersRefuseBadValues)
     const float focus = k.getFocusDis();
     const CordinateMat m0 = k.cordinateMat();
     const std::vector<std::function<void()>> calls = {
-        [&] { k.setFocusDis(kNaN, true); },
-        [&] { k.setFocusDis(0.0f, true); },
-        [&] { k.setFocusDis(-1.0f, false); },
-        [&] { k.setFocusDis(1e30f, true); },
-        [&] { k.updateCordinateMat({kNaN, 0, 1, 0, 1, 0}); },
-        [&] { k.updateCordinateMat({0, 0, 1, 0, kInf, 0}); },
-        [&] { k.updateCordinateMat({0, 0, 1, 0, 1, -1e30f}); },
+        [&] { k.setFocusDis(kNaN, true); }, [&] { k.setFocusDis(0.0f, true); }, [&] { k.setFocusDis(-1.0f, false); },
+        [&] { k.setFocusDis(1e30f, true); }, [&] { k.updateCordinateMat({kNaN, 0, 1, 0, 1, 0}); },
+        [&] { k.updateCordinateMat({0, 0, 1, 0, kInf, 0}); }, [&] { k.updateCordinateMat({0, 0, 1, 0, 1, -1e30f}); },
         [&] { k.setFFTWindow_doa(FFT_WINDOW_TUKEY, 0, 0, kNaN); },
         [&] { k.setFFTWindow_doa(FFT_WINDOW_GAUSSIAN, kInf, 0, 0); },
         [&] { k.setFFTWindow_doa(FFT_WINDOW_CHEBYSHEV, 0, 0, 1e30f); },
         [&] { k.setFFTWindow_pickup(FFT_WINDOW_TUKEY, 0, 0, kNaN); },
-        [&] { k.setFFTWindow_pickup(FFT_WINDOW_CHEBYSHEV, 0, 0, -kInf); },
-    };
+        [&] { k.setFFTWindow_pickup(FFT_WINDOW_CHEBYSHEV, 0, 0, -kInf); }};
     for (size_t i = 0; i < calls.size(); ++i) {
         kerneltest::capturedLines().clear();
         calls[i]();

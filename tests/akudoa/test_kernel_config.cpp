@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
+#include <iomanip>
 #include <sstream>
 
 #include <iniparser.h>
@@ -19,34 +20,20 @@ namespace {
 // Label, value with every key missing, value with every key changed (the
 // INI below). Written once from the library's output before the table.
 const char* const kSummary[][3] = {
-    {"    Init Flag                    =", "0", "0"},
-    {"    Doa Select                   =", "3", "53"},
-    {"    SampleRate                   =", "96000", "48000"},
-    {"    FrameSize                    =", "1024", "512"},
-    {"    ChannalNum                   =", "128", "16"},
-    {"    ImageResRows                 =", "64", "32"},
-    {"    ImageResCols                 =", "48", "24"},
-    {"    ImageFac                     =", "10", "7"},
-    {"    ImageThetaXYFac              =", "1.3", "1.75"},
-    {"    AngleDomain                  =", "43", "50"},
-    {"    QuantizeiParamFromFileEnable =", "true", "false"},
-    {"    QuantizeiParamEnable         =", "true", "false"},
-    {"    FreqAverageEnable            =", "false", "true"},
-    {"    Focus Distance               =", "1", "2.25"},
-    {"    Focus Distance Enable        =", "false", "true"},
-    {"    Mic MaxRadius                =", "0.11", "0.11"},
-    {"    MeasureDisEnable             =", "true", "false"},
-    {"    MeasureDisRows               =", "11", "9"},
-    {"    MeasureDisCols               =", "11", "13"},
-    {"    TargetQuantizeFlag           =", "true", "false"},
-    {"    MicFile                      =", "", "/nonexistent/geom.bin"},
-    {"    MicSenCalibrationFile        =", "", "/nonexistent/sens.bin"},
-    {"    RotateMode                   =", "1", "3"},
-    {"    ImageCorrectionFlag          =", "1", "0"},
-    {"    ExtraEnable                  =", "true", "false"},
-    {"    ExtendRows                   =", "12", "12"},
-    {"    ExtendCols                   =", "12", "12"},
-    {"    Wave Scale dB                =", "0", "12.5"},
+    {"    Init Flag                    =", "0", "0"}, {"    Doa Select                   =", "3", "53"},
+    {"    SampleRate                   =", "96000", "48000"}, {"    FrameSize                    =", "1024", "512"},
+    {"    ChannalNum                   =", "128", "16"}, {"    ImageResRows                 =", "64", "32"},
+    {"    ImageResCols                 =", "48", "24"}, {"    ImageFac                     =", "10", "7"},
+    {"    ImageThetaXYFac              =", "1.3", "1.75"}, {"    AngleDomain                  =", "43", "50"},
+    {"    QuantizeiParamFromFileEnable =", "true", "false"}, {"    QuantizeiParamEnable         =", "true", "false"},
+    {"    FreqAverageEnable            =", "false", "true"}, {"    Focus Distance               =", "1", "2.25"},
+    {"    Focus Distance Enable        =", "false", "true"}, {"    Mic MaxRadius                =", "0.11", "0.11"},
+    {"    MeasureDisEnable             =", "true", "false"}, {"    MeasureDisRows               =", "11", "9"},
+    {"    MeasureDisCols               =", "11", "13"}, {"    TargetQuantizeFlag           =", "true", "false"},
+    {"    MicFile                      =", "", "/nonexistent/geom.bin"}, {"    MicSenCalibrationFile        =", "", "/nonexistent/sens.bin"},
+    {"    RotateMode                   =", "1", "3"}, {"    ImageCorrectionFlag          =", "1", "0"},
+    {"    ExtraEnable                  =", "true", "false"}, {"    ExtendRows                   =", "12", "12"},
+    {"    ExtendCols                   =", "12", "12"}, {"    Wave Scale dB                =", "0", "12.5"},
 };
 
 const char* kEveryKey = "[AcousticCameraParam]\nimage_correction_flag = 0\nrotate_mode = 3\n"
@@ -64,17 +51,15 @@ const char* kEveryKey = "[AcousticCameraParam]\nimage_correction_flag = 0\nrotat
 const std::string kSmall = "[AudioRecordingParam]\nchannel_num = 8\nframe_size = 64\n[AcousticCameraParam]\n"
                            "image_resolution_row = 4\nimage_resolution_col = 4\n[DOA]\nextra_en = 0\n";
 
-std::string keyLine(const std::string& key, const std::string& value)
+std::string keyLine(const std::string& key, const std::string& value) // "Section:key" -> INI lines
 {
-    const size_t colon = key.find(':');
-    return "[" + key.substr(0, colon) + "]\n" + key.substr(colon + 1) + " = " + value + "\n";
+    return "[" + key.substr(0, key.find(':')) + "]\n" + key.substr(key.find(':') + 1) + " = " + value + "\n";
 }
 
 std::string num(double v)
 {
     std::ostringstream s;
-    s.precision(9);
-    s << v;
+    s << std::setprecision(9) << v;
     return s.str();
 }
 
@@ -134,11 +119,7 @@ TEST_F(KernelTest, ConfigurationOutsideTheRangesIsRefused)
 {
     size_t count = 0;
     const AKUSetting* rows = akudoa_settings(&count);
-    struct Case {
-        std::string tail; // appended to kSmall
-        bool accepted;
-        std::string key; // named by the refusal
-    };
+    struct Case { std::string tail; bool accepted; std::string key; }; // tail appended to kSmall, key refused
     std::vector<Case> cases;
     for (size_t i = 0; i < count; ++i) {
         const AKUSetting& s = rows[i];
@@ -200,26 +181,17 @@ TEST_F(KernelTest, DefaultBandBySampleRate)
     }
 }
 
-// Linear-array mode builds none of the planar objects, but the frame and
-// bands the line readout needs. A second init rebuilds everything (leaks
-// show under the address sanitizer); a failed one leaves it uninitialised.
-TEST_F(KernelTest, LinearModeAndSecondInit)
+// A second init rebuilds everything for the new file (leaks show under the
+// address sanitizer); a failed one leaves the kernel uninitialised.
+TEST_F(KernelTest, SecondInitRebuilds)
 {
     AKUDoaKernel k;
-    ASSERT_TRUE(k.init(ini(kSmall + "[AcousticCameraParam]\nimage_resolution_row = 1\nimage_resolution_col = 90\n").c_str()));
-    AKUDoaKernelPrivate* p = priv(k);
-    EXPECT_TRUE(logged("doakernel init: init doa line mode "));
-    EXPECT_TRUE(!p->doaEngine && !p->pickup && !p->distance && !p->extra && p->framePool.empty() && !p->heatMap);
-    ASSERT_NE(p->doaFrame, nullptr);
-    EXPECT_EQ(p->doaFrame->rows * 1000 + p->doaFrame->cols, 8 * 1000 + 64);
-    ASSERT_NE(k.freqBandsManager(), nullptr);
-
+    ASSERT_TRUE(k.init(ini(kSmall + "[AcousticCameraParam]\nimage_resolution_row = 1\n").c_str()));
     ASSERT_TRUE(k.init(ini(kSmall + "[AcousticCameraParam]\nimage_resolution_row = 8\nimage_resolution_col = 6\n").c_str()));
+    AKUDoaKernelPrivate* p = priv(k);
     EXPECT_EQ(p->heatMap->rows * 1000 + p->heatMap->cols, 8006);
-    EXPECT_EQ(p->cordinate->n, 8 * 6 * 2);
-    EXPECT_EQ(p->framePool.size(), 3u);
+    EXPECT_EQ(p->cordinate->n * 10 + static_cast<int>(p->framePool.size()), 8 * 6 * 2 * 10 + 3);
     EXPECT_FALSE(k.init(path("gone.ini").c_str()));
-    EXPECT_EQ(p->cfg.initFlag, 0);
     mat2d_fp32* frame = create_mat2d_fp32(128, 64);
     EXPECT_FALSE(k.readHeatMap(frame, nullptr, nullptr, 0));
     destroy_mat2d_fp32(frame);
