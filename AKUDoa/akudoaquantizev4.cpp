@@ -512,6 +512,36 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
     }
 }
 
+// The summed image h (rows x cols) into the caller's map in the configured
+// orientation.
+static void copyOriented(const float* h, mat2d_fp32* heatMap, int NR, int NC, int mode)
+{
+    switch (mode) {
+    case 0: // half turn
+        for (int i = 0; i < NR; ++i)
+            for (int j = 0; j < NC; ++j)
+                heatMap->data[i][j] = h[(NR - 1 - i) * NC + (NC - 1 - j)];
+        break;
+    case 1:
+        for (int i = 0; i < NR; ++i)
+            for (int j = 0; j < NC; ++j)
+                heatMap->data[i][j] = h[i * NC + j];
+        break;
+    case 2: // rows reversed
+        for (int i = 0; i < NR; ++i)
+            for (int j = 0; j < NC; ++j)
+                heatMap->data[i][j] = h[(NR - 1 - i) * NC + j];
+        break;
+    case 3: // columns reversed
+        for (int i = 0; i < NR; ++i)
+            for (int j = 0; j < NC; ++j)
+                heatMap->data[i][j] = h[i * NC + (NC - 1 - j)];
+        break;
+    default:
+        break; // unknown orientation: the caller's map is left as it was
+    }
+}
+
 void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat2d_fp32* heatMap)
 {
     executeFFT(frame);
@@ -584,30 +614,7 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
     array_sqrt_fp32_anchor(h, n);
     array_scale_fp32_anchor(h, 1.0f / static_cast<float>(d->frameSize), n);
 
-    switch (d->cfg->rotateMode) {
-    case 0: // half turn
-        for (int i = 0; i < NR; ++i)
-            for (int j = 0; j < NC; ++j)
-                heatMap->data[i][j] = h[(NR - 1 - i) * NC + (NC - 1 - j)];
-        break;
-    case 1:
-        for (int i = 0; i < NR; ++i)
-            for (int j = 0; j < NC; ++j)
-                heatMap->data[i][j] = h[i * NC + j];
-        break;
-    case 2: // rows reversed
-        for (int i = 0; i < NR; ++i)
-            for (int j = 0; j < NC; ++j)
-                heatMap->data[i][j] = h[(NR - 1 - i) * NC + j];
-        break;
-    case 3: // columns reversed
-        for (int i = 0; i < NR; ++i)
-            for (int j = 0; j < NC; ++j)
-                heatMap->data[i][j] = h[i * NC + (NC - 1 - j)];
-        break;
-    default:
-        break; // unknown orientation: the caller's map is left as it was
-    }
+    copyOriented(h, heatMap, NR, NC, d->cfg->rotateMode);
 }
 
 void AKUDoaQuantizeV4::powerSpec(vec_fp32* spectrum, int channel)
