@@ -215,6 +215,23 @@ void AKUDoaQuantizeV4::doaInit(StCamCfg* cfg)
         AKUDOA_LOG() << i << ": Freq = " << ((i * 48000) >> 9) << "Sen scale =" << cfg->micSensitivity[i];
 }
 
+// Undoes the taper exp(-tau p^2) that the gridding kernel puts on the image
+// (squared: it is applied to powers), with the transform's scale.
+static void fillDeconvolution(mat2d_fp32* deconv, int G, float tau)
+{
+    const float half = static_cast<float>(G) * 0.5f;
+    const float norm = static_cast<float>(2.0 * kPi / (static_cast<double>(G) * G * 16.0 * tau));
+    for (int r = 0; r < G; ++r) {
+        float* row = deconv->data[r];
+        for (int c = 0; c < G; ++c) {
+            const float dc = static_cast<float>(c) - half;
+            const float dr = static_cast<float>(r) - half;
+            const float e = std::exp((dc * dc + dr * dr) * tau);
+            row[c] = (e * e) * norm;
+        }
+    }
+}
+
 void AKUDoaQuantizeV4::createQuantizeParam()
 {
     const StCamCfg* cfg = d->cfg;
@@ -289,17 +306,7 @@ void AKUDoaQuantizeV4::createQuantizeParam()
         for (int c = 0; c < 2 * M; ++c)
             d->cellIndex->data[b][c] -= 4;
 
-    const float half = static_cast<float>(G) * 0.5f;
-    const float norm = static_cast<float>(2.0 * kPi / (static_cast<double>(G) * G * 16.0 * tau));
-    for (int r = 0; r < G; ++r) {
-        float* row = d->deconv->data[r];
-        for (int c = 0; c < G; ++c) {
-            const float dc = static_cast<float>(c) - half;
-            const float dr = static_cast<float>(r) - half;
-            const float e = std::exp((dc * dc + dr * dr) * tau);
-            row[c] = (e * e) * norm;
-        }
-    }
+    fillDeconvolution(d->deconv, G, tau);
     destroy_vec_fp32(Lx);
     destroy_vec_fp32(Ly);
 }
