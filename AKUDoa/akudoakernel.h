@@ -29,14 +29,18 @@ public:
     AKUDoaKernel& operator=(const AKUDoaKernel&) = delete;
 
     // Loads the INI file at path and builds everything the configured program
-    // needs. False when the file cannot be loaded or parsed. An unsupported
+    // needs. False when the path is not a regular file, cannot be loaded or
+    // parsed, or a setting lies outside its accepted range (one log line
+    // names it; nothing is built then, see docs/configuration.md). An unsupported
     // microphone count ends the process (status 0) after printing a notice to
     // standard output. A second call releases what the first one built.
     bool init(const char* path);
 
     // Heat-map readout. All return false without touching anything when the
-    // frame is null, init has not finished, or the engine the call needs has
-    // not been created.
+    // frame is null or smaller than the capture channels in use x frameSize,
+    // a caller buffer has the wrong shape, init has not finished, or the
+    // engine the call needs has not been created. A channel holding NaN or
+    // inf is imaged as silence for that frame (docs/bad-input.md).
     bool readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, vec_fp32* spectrum, int channel);
     bool readHeatMap(mat2d_fp32* frame, mat2d_fp32* heatMap, fpoint2d target, float& distance,
                      vec_fp32* spectrum, int channel);
@@ -67,7 +71,8 @@ public:
     // As readPickedUpAudio, but listens where the heat map (as returned by
     // readHeatMap, after any coordinate correction) shows the cell (x = row,
     // y = column): exactly for programs 3 and 53, to the nearest pickup
-    // point for the gridding programs 4 and 54.
+    // point for the gridding programs 4 and 54. False for a cell outside the
+    // map.
     bool readPickedUpAudioAtCell(mat2d_fp32* frame, vec_fp32* audio, fpoint2d cell);
     // Pickup analysis window of frameSize samples (the default is Hann),
     // set under the pickup lock.
@@ -88,13 +93,15 @@ public:
     // cache or built), rebuilds the coordinate table and installs the
     // default Tukey(0.2) imaging window. Same program: nothing happens.
     void setDoaProgram(DOAProgarm program);
-    // Focus distance in metres; enable selects near-field tables. Rebuilds
-    // (or loads) the steering tables of the current engine.
+    // Focus distance in metres (0.01 to 1000; anything else is refused with
+    // a log line); enable selects near-field tables. Rebuilds (or loads) the
+    // steering tables of the current engine.
     void setFocusDis(float distance, bool enable);
     float getFocusDis();
     bool getFocusDisEn();
     // Imaging analysis window of frameSize samples (the default is
-    // Tukey(0.2)), set under the engine lock.
+    // Tukey(0.2)), set under the engine lock. Parameters that are not finite
+    // or beyond +-1e6, or give a non-finite sample, are refused (log line).
     void setFFTWindow_doa(FFTWindowType type, float p1, float p2, float p3);
     // Radius mode: only the central square of the image is computed.
     void setFocusRadius(bool on);
@@ -105,6 +112,7 @@ public:
     bool spectrumSelf() const;
 
     // Coordinate correction between the camera picture and the heat map.
+    // Coefficients that are not finite or beyond +-1e4 are refused (log line).
     void updateCordinateMat(CordinateMat m);
     CordinateMat cordinateMat();
 

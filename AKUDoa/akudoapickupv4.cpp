@@ -147,15 +147,10 @@ void AKUDoaPickupV4Private::fir_sinctap_param_create(vec_fp32* delays, mat2d_fp3
         float* row = taps->data[m];
         for (int t = 0; t < AKUDOA_PICKUP_TAPS; ++t) {
             const float x = static_cast<float>(t) - d + 1.0f;
-            float sinc;
-            if (x == 0.0f) {
-                sinc = 1.0f;
-            } else {
-                // The zero test above looks at x, not at x - 12: a delay that
-                // puts x - 12 at exactly 0 gives 0/0 here, on purpose.
-                const float s = static_cast<float>(static_cast<double>(x - 12.0f) * kPi);
-                sinc = sinf(s) / s;
-            }
+            // x == 0 takes 1 as the table always did; a whole-sample delay
+            // that puts the centre x - 12 at 0 takes the limit sin(s)/s -> 1.
+            const float s = static_cast<float>(static_cast<double>(x - 12.0f) * kPi);
+            const float sinc = (x == 0.0f || s == 0.0f) ? 1.0f : sinf(s) / s;
             const float w = 0.54f - 0.46f * cosf(static_cast<float>((static_cast<double>(x) + 0.5) * (2.0 * kPi) / 24.0));
             row[AKUDOA_PICKUP_TAPS - 1 - t] = w * sinc;
         }

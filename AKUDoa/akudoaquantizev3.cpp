@@ -609,3 +609,18 @@ void AKUDoaQuantizeV3::findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& ban
                                       d->frameSize, d->sampleRate, d->cfg && d->cfg->freqAverage};
     akudoa_find_target_freq_range(src, d->cluster, target, bands.data(), lowFreq, highFreq, power);
 }
+
+bool AKUDoaQuantizeV3::pickupTargetForCell(int row, int col, int& pickupRow, int& pickupCol) const
+{
+    // This engine draws the wave from direction -w at its raw pixel with
+    // steering direction w; the pickup steers at +w of its stored target.
+    // The two grids coincide, so the stored target is the cell on an axis
+    // that the rotation mode flips and its mirror rows - 1 - row otherwise.
+    const StCamCfg& c = *d->cfg;
+    const int mode = c.rotateMode;
+    const bool flipRows = mode == 1 || mode == 3;
+    const bool flipCols = mode == 1 || mode == 2;
+    pickupRow = flipRows ? row : c.imageResolutionRow - 1 - row;
+    pickupCol = flipCols ? col : c.imageResolutionCol - 1 - col;
+    return true;
+}

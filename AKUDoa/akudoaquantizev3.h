@@ -39,6 +39,7 @@ public:
     void findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& bands, int& lowFreq, int& highFreq,
                              float& power) override;
     float getPaWithTarget(fpoint2d target, AKUDoaFreqBands& bands) override;
+    bool pickupTargetForCell(int row, int col, int& pickupRow, int& pickupCol) const override;
 
     // Loads the tables for the current focus settings from the cache, else
     // builds them (near field when focusDistanceEn is set). Returns the result

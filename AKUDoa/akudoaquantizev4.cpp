@@ -9,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+#include "AKUDoa/akudoapickupv4_p.h"
 #include "AKUDoa/akudoaquantizev4_p.h"
 #include "AKUDoa/iakudoaquantize_p.h"
 #include "AKUDoa/akudoatargetrange_p.h"
@@ -214,6 +215,23 @@ void AKUDoaQuantizeV4::doaInit(StCamCfg* cfg)
         AKUDOA_LOG() << i << ": Freq = " << ((i * 48000) >> 9) << "Sen scale =" << cfg->micSensitivity[i];
 }
 
+// Undoes the taper exp(-tau p^2) that the gridding kernel puts on the image
+// (squared: it is applied to powers), with the transform's scale.
+static void fillDeconvolution(mat2d_fp32* deconv, int G, float tau)
+{
+    const float half = static_cast<float>(G) * 0.5f;
+    const float norm = static_cast<float>(2.0 * kPi / (static_cast<double>(G) * G * 16.0 * tau));
+    for (int r = 0; r < G; ++r) {
+        float* row = deconv->data[r];
+        for (int c = 0; c < G; ++c) {
+            const float dc = static_cast<float>(c) - half;
+            const float dr = static_cast<float>(r) - half;
+            const float e = std::exp((dc * dc + dr * dr) * tau);
+            row[c] = (e * e) * norm;
+        }
+    }
+}
+
 void AKUDoaQuantizeV4::createQuantizeParam()
 {
     const StCamCfg* cfg = d->cfg;
@@ -288,17 +306,7 @@ void AKUDoaQuantizeV4::createQuantizeParam()
         for (int c = 0; c < 2 * M; ++c)
             d->cellIndex->data[b][c] -= 4;
 
-    const float half = static_cast<float>(G) * 0.5f;
-    const float norm = static_cast<float>(2.0 * kPi / (static_cast<double>(G) * G * 16.0 * tau));
-    for (int r = 0; r < G; ++r) {
-        float* row = d->deconv->data[r];
-        for (int c = 0; c < G; ++c) {
-            const float dc = static_cast<float>(c) - half;
-            const float dr = static_cast<float>(r) - half;
-            const float e = std::exp((dc * dc + dr * dr) * tau);
-            row[c] = (e * e) * norm;
-        }
-    }
+    fillDeconvolution(d->deconv, G, tau);
     destroy_vec_fp32(Lx);
     destroy_vec_fp32(Ly);
 }
@@ -511,6 +519,36 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
     }
 }
 
+// The summed image h (rows x cols) into the caller's map in the configured
+// orientation.
+static void copyOriented(const float* h, mat2d_fp32* heatMap, int NR, int NC, int mode)
+{
+    switch (mode) {
+    case 0: // half turn
+        for (int i = 0; i < NR; ++i)
+            for (int j = 0; j < NC; ++j)
+                heatMap->data[i][j] = h[(NR - 1 - i) * NC + (NC - 1 - j)];
+        break;
+    case 1:
+        for (int i = 0; i < NR; ++i)
+            for (int j = 0; j < NC; ++j)
+                heatMap->data[i][j] = h[i * NC + j];
+        break;
+    case 2: // rows reversed
+        for (int i = 0; i < NR; ++i)
+            for (int j = 0; j < NC; ++j)
+                heatMap->data[i][j] = h[(NR - 1 - i) * NC + j];
+        break;
+    case 3: // columns reversed
+        for (int i = 0; i < NR; ++i)
+            for (int j = 0; j < NC; ++j)
+                heatMap->data[i][j] = h[i * NC + (NC - 1 - j)];
+        break;
+    default:
+        break; // unknown orientation: the caller's map is left as it was
+    }
+}
+
 void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat2d_fp32* heatMap)
 {
     executeFFT(frame);
@@ -583,30 +621,7 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
     array_sqrt_fp32_anchor(h, n);
     array_scale_fp32_anchor(h, 1.0f / static_cast<float>(d->frameSize), n);
 
-    switch (d->cfg->rotateMode) {
-    case 0: // half turn
-        for (int i = 0; i < NR; ++i)
-            for (int j = 0; j < NC; ++j)
-                heatMap->data[i][j] = h[(NR - 1 - i) * NC + (NC - 1 - j)];
-        break;
-    case 1:
-        for (int i = 0; i < NR; ++i)
-            for (int j = 0; j < NC; ++j)
-                heatMap->data[i][j] = h[i * NC + j];
-        break;
-    case 2: // rows reversed
-        for (int i = 0; i < NR; ++i)
-            for (int j = 0; j < NC; ++j)
-                heatMap->data[i][j] = h[(NR - 1 - i) * NC + j];
-        break;
-    case 3: // columns reversed
-        for (int i = 0; i < NR; ++i)
-            for (int j = 0; j < NC; ++j)
-                heatMap->data[i][j] = h[i * NC + (NC - 1 - j)];
-        break;
-    default:
-        break; // unknown orientation: the caller's map is left as it was
-    }
+    copyOriented(h, heatMap, NR, NC, d->cfg->rotateMode);
 }
 
 void AKUDoaQuantizeV4::powerSpec(vec_fp32* spectrum, int channel)
@@ -666,4 +681,16 @@ void AKUDoaQuantizeV4::findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& ban
     const AKUDoaTargetRangeSource src{d->binMaps, d->rows, d->cols, d->micNum,
                                       d->frameSize, d->sampleRate, d->cfg && d->cfg->freqAverage};
     akudoa_find_target_freq_range(src, d->cluster, target, bands.data(), lowFreq, highFreq, power);
+}
+
+bool AKUDoaQuantizeV4::pickupTargetForCell(int row, int col, int& pickupRow, int& pickupCol) const
+{
+    // Undo the orientation step of executeDOA, then steer at the nearest
+    // pickup point to the direction the gridded cell shows.
+    const StCamCfg& c = *d->cfg;
+    const int mode = c.rotateMode;
+    const int ra = (mode == 0 || mode == 2) ? c.imageResolutionRow - 1 - row : row;
+    const int ca = (mode == 0 || mode == 3) ? c.imageResolutionCol - 1 - col : col;
+    akudoa_pickup_target_for_gridded_cell(c, ra, ca, pickupRow, pickupCol);
+    return true;
 }

@@ -45,6 +45,7 @@ public:
     void findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& bands, int& lowFreq, int& highFreq,
                              float& power) override;
     float getPaWithTarget(fpoint2d target, AKUDoaFreqBands& bands) override;
+    bool pickupTargetForCell(int row, int col, int& pickupRow, int& pickupCol) const override;
 
     // Recomputes the focus phases from cfg->focusDistance; does nothing while
     // focusDistanceEn is off (the raw spectra are then gridded).

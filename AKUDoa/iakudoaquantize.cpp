@@ -126,3 +126,8 @@ void akudoa_reverse_power_spectrum(const float* x, int available, vec_fp32* spec
     for (int i = 0; i < n; ++i)
         spectrum->data[n - 1 - i] = x[2 * i] * x[2 * i] + x[2 * i + 1] * x[2 * i + 1];
 }
+
+bool IAKUDoaQuantize::pickupTargetForCell(int, int, int&, int&) const
+{
+    return false;
+}

@@ -41,6 +41,10 @@ public:
                                      int& highFreq, float& power) = 0;
     // Amplitude arriving from the target pixel in the last frame.
     virtual float getPaWithTarget(fpoint2d target, AKUDoaFreqBands& bands) = 0;
+    // Pickup steering point (AKUDoaPickupV4::steerTo coordinates) that
+    // listens in the direction this engine draws at cell (row, col) of its
+    // own map, inside the grid. False for engines without a pickup.
+    virtual bool pickupTargetForCell(int row, int col, int& pickupRow, int& pickupCol) const;
 
     // scale[r] = 127 / max|m[r][c]| over the first 4*floor(cols/4) columns
     // (a row must hold at least four). A zero row gets an infinite scale.

@@ -103,15 +103,16 @@ TEST(PickupV4, TargetMappingAndShortcuts)
 
 TEST(PickupV4, SincTapsAndVectorFir)
 {
-    // 24 taps of a delay d: raised-cosine windowed sinc centred on 11 + d, stored reversed.
-    std::vector<float> ds = {0.25f, -3.6f, 7.5f, 0.999f};
-    vec_fp32 delays{4, ds.data()};
-    mat2d_fp32* taps = create_mat2d_fp32(4, 24);
+    // 24 taps of a delay d: raised-cosine windowed sinc centred on 11 + d,
+    // stored reversed; whole-sample delays take the limit 1 at the centre.
+    std::vector<float> ds = {0.25f, -3.6f, 7.5f, 0.999f, 0.f, -2.f};
+    vec_fp32 delays{6, ds.data()};
+    mat2d_fp32* taps = create_mat2d_fp32(6, 24);
     AKUDoaPickupV4Private::fir_sinctap_param_create(&delays, taps);
-    for (int m = 0; m < 4; ++m)
+    for (int m = 0; m < 6; ++m)
         for (int t = 0; t < 24; ++t) {
             const double x = double(t) - ds[m] + 1.0, s = (x - 12.0) * kPi;
-            EXPECT_NEAR(taps->data[m][23 - t], (0.54 - 0.46 * std::cos((x + 0.5) * 2 * kPi / 24.0)) * std::sin(s) / s, 2e-6) << ds[m] << " t " << t;
+            EXPECT_NEAR(taps->data[m][23 - t], (0.54 - 0.46 * std::cos((x + 0.5) * 2 * kPi / 24.0)) * (s == 0.0 ? 1.0 : std::sin(s) / s), 2e-6) << ds[m] << " t " << t;
         }
     destroy_mat2d_fp32(taps);
 

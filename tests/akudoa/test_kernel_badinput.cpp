@@ -1,0 +1,215 @@
+// Bad input at the readouts and setters: buffers of the wrong shape,
+// extreme targets, non-finite samples, refused setter values, and the
+// setters racing the frames (run under the thread sanitizer in CI).
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <thread>
+
+#include "kernel_fixture.h"
+#include "support/akudoagrid.h"
+
+using kerneltest::KernelTest;
+
+namespace {
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInf = std::numeric_limits<float>::infinity();
+
+// 16 microphones, 16 x 12 image, identity correction, every optional engine.
+const char* kCamera = "[AudioRecordingParam]\nchannel_num = 16\nframe_size = 256\n[AcousticCameraParam]\n"
+                      "image_resolution_row = 16\nimage_resolution_col = 12\nimage_correction_flag = 1\n"
+                      "rx1 = 0\nrx2 = 0\nrx3 = 1\nry1 = 0\nry2 = 1\nry3 = 0\ndistanceMeasure_en = true\n"
+                      "[DOA]\nextra_en = true\n";
+
+struct Mat { // owned, filled with v
+    mat2d_fp32* m;
+    Mat(int r, int c, float v = 0.0f) : m(create_mat2d_fp32(r, c)) { for (int i = 0; i < r; ++i) std::fill(m->data[i], m->data[i] + c, v); }
+    explicit Mat(mat2d_fp32* p) : m(p) {}
+    ~Mat() { destroy_mat2d_fp32(m); }
+    std::vector<float> flat() const { std::vector<float> v; for (int i = 0; i < m->rows; ++i) v.insert(v.end(), m->data[i], m->data[i] + m->cols); return v; }
+};
+
+bool allFinite(const std::vector<float>& v) { return std::all_of(v.begin(), v.end(), [](float x) { return std::isfinite(x); }); }
+
+// Capture frame of a plane wave that the engine shows at unrotated (5, 4).
+mat2d_fp32* sourceFrame(const StCamCfg& cfg)
+{
+    Mat arrayFrame(akusim_frame(akusim_array_from_cfg(cfg), {akugrid_far_source(cfg, 5, 4, 7)},
+                                cfg.sampleFrequency, cfg.frameSize));
+    return akugrid_capture_frame(cfg, arrayFrame.m);
+}
+
+} // namespace
+
+// Frames, maps and audio vectors that do not fit are refused before
+// anything is read or written; extreme targets give finite results.
+TEST_F(KernelTest, BadFramesBuffersAndTargets)
+{
+    AKUDoaKernel k;
+    ASSERT_TRUE(k.init(ini(kCamera).c_str()));
+    struct Shape { const char* name; int frameRows, frameCols, mapRows, mapCols, audio; bool mapsRefused, audioRefused; };
+    const Shape shapes[] = {{"frame rows", 15, 256, 16, 12, 256, true, true},
+                            {"frame cols", 128, 255, 16, 12, 256, true, true},
+                            {"0 x 0 frame", 0, 0, 16, 12, 256, true, true},
+                            {"small map", 128, 256, 7, 6, 256, true, false},
+                            {"short audio", 128, 256, 16, 12, 255, false, true}};
+    for (const Shape& s : shapes) {
+        Mat frame(s.frameRows, s.frameCols, 1.0f), map(s.mapRows, s.mapCols, -7.0f);
+        vec_fp32* audio = create_vec_fp32(s.audio);
+        std::fill(audio->data, audio->data + s.audio, -7.0f);
+        float dist = -7.0f, power = -7.0f;
+        int lo = -7, hi = -7;
+        const fpoint2d t{0.0f, 3, 3};
+        EXPECT_EQ(k.readHeatMap(frame.m, map.m, nullptr, 0), !s.mapsRefused) << s.name;
+        EXPECT_EQ(k.readHeatMap(frame.m, map.m, t, dist, nullptr, 0), !s.mapsRefused) << s.name;
+        EXPECT_EQ(k.readHeatMap(frame.m, map.m, t, lo, hi, power, nullptr, 0), !s.mapsRefused) << s.name;
+        EXPECT_EQ(k.readHeatMapExtra(frame.m, map.m), !s.mapsRefused) << s.name;
+        EXPECT_EQ(k.readPickedUpAudio(frame.m, audio, t), !s.audioRefused) << s.name;
+        EXPECT_EQ(k.readPickedUpAudioAtCell(frame.m, audio, t), !s.audioRefused) << s.name;
+        if (s.mapsRefused) {
+            EXPECT_EQ(map.flat(), std::vector<float>(s.mapRows * s.mapCols, -7.0f)) << s.name;
+            EXPECT_TRUE(dist == -7.0f && power == -7.0f && lo == -7 && hi == -7) << s.name;
+        }
+        if (s.audioRefused) {
+            EXPECT_EQ(std::count(audio->data, audio->data + s.audio, -7.0f), s.audio) << s.name;
+        }
+        destroy_vec_fp32(audio);
+    }
+
+    // Targets far outside the grid, as given and through the largest
+    // accepted correction coefficients.
+    Mat frame(sourceFrame(*k.camConfig())), map(16, 12);
+    vec_fp32* audio = create_vec_fp32(256);
+    for (float coefficient : {1.0f, 1e4f}) {
+        k.updateCordinateMat({coefficient, coefficient, coefficient, coefficient, coefficient, coefficient});
+        for (const fpoint2d t : {fpoint2d{0.0f, INT_MAX, INT_MAX}, fpoint2d{0.0f, INT_MIN, INT_MIN},
+                                 fpoint2d{0.0f, INT_MAX, INT_MIN}, fpoint2d{0.0f, -1, 12}}) {
+            float dist = 0.0f, power = 0.0f;
+            int lo = 0, hi = 0;
+            EXPECT_TRUE(k.readHeatMap(frame.m, map.m, t, dist, nullptr, 0));
+            EXPECT_TRUE(k.readHeatMap(frame.m, map.m, t, lo, hi, power, nullptr, 0));
+            EXPECT_TRUE(std::isfinite(dist) && std::isfinite(power) && std::isfinite(k.getPaWithTarget(t).val));
+            EXPECT_TRUE(k.readPickedUpAudio(frame.m, audio, t));
+            EXPECT_FALSE(k.readPickedUpAudioAtCell(frame.m, audio, t));
+            EXPECT_TRUE(allFinite(std::vector<float>(audio->data, audio->data + 256)));
+        }
+    }
+    destroy_vec_fp32(audio);
+}
+
+// A channel holding NaN or inf is muted for its frame: the map, the target
+// power and the picked-up audio equal those of the frame with that channel
+// at zero, the source stays at its pixel, and the next frame is clean.
+TEST_F(KernelTest, NonFiniteSamplesMuteTheirChannel)
+{
+    const std::string cfgPath = ini(kCamera);
+    const std::vector<std::vector<std::pair<int, float>>> cases = {
+        {{3, kNaN}}, {{0, kInf}}, {{5, -kInf}, {9, kNaN}}};
+    for (const auto& bad : cases) {
+        std::vector<float> map[2], audio[2], power[2];
+        for (int zeroed = 0; zeroed < 2; ++zeroed) {
+            AKUDoaKernel k; // the same history for both frames
+            ASSERT_TRUE(k.init(cfgPath.c_str()));
+            const StCamCfg& cfg = *k.camConfig();
+            Mat clean(sourceFrame(cfg)), frame(sourceFrame(cfg)), m(16, 12);
+            for (const auto& [position, value] : bad) {
+                float* row = frame.m->data[cfg.micIndex[position]];
+                if (zeroed)
+                    std::fill(row, row + 256, 0.0f);
+                else
+                    row[17] = value;
+            }
+            int lo = 0, hi = 0;
+            power[zeroed] = {0.0f};
+            ASSERT_TRUE(k.readHeatMap(frame.m, m.m, fpoint2d{0.0f, 5, 4}, lo, hi, power[zeroed][0], nullptr, 0));
+            map[zeroed] = m.flat();
+            vec_fp32* a = create_vec_fp32(256);
+            ASSERT_TRUE(k.readPickedUpAudio(frame.m, a, fpoint2d{0.0f, 5, 4}));
+            ASSERT_TRUE(k.readPickedUpAudio(clean.m, a, fpoint2d{0.0f, 5, 4}));
+            audio[zeroed].assign(a->data, a->data + 256);
+            destroy_vec_fp32(a);
+            int r = -1, c = -1, er = -2, ec = -2;
+            akugrid_argmax(m.m, r, c);
+            akugrid_rotated(1, 16, 12, 5, 4, er, ec);
+            EXPECT_EQ(r * 100 + c, er * 100 + ec);
+        }
+        EXPECT_TRUE(allFinite(map[0]) && allFinite(audio[0]) && allFinite(power[0]));
+        EXPECT_EQ(map[0], map[1]);
+        EXPECT_EQ(audio[0], audio[1]);
+        EXPECT_EQ(power[0], power[1]);
+    }
+    EXPECT_TRUE(logged("doakernel: muted channels with non-finite samples: 5 9 "));
+}
+
+// Setters refuse values that would poison every later frame, with a log
+// line, and keep the previous state: the same frame images the same.
+TEST_F(KernelTest, SettersRefuseBadValues)
+{
+    AKUDoaKernel k;
+    ASSERT_TRUE(k.init(ini(kCamera).c_str()));
+    Mat frame(sourceFrame(*k.camConfig())), map(16, 12);
+    vec_fp32* audio = create_vec_fp32(256);
+    ASSERT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
+    const std::vector<float> before = map.flat();
+    const float focus = k.getFocusDis();
+    const CordinateMat m0 = k.cordinateMat();
+    const std::vector<std::function<void()>> calls = {
+        [&] { k.setFocusDis(kNaN, true); }, [&] { k.setFocusDis(0.0f, true); }, [&] { k.setFocusDis(-1.0f, false); },
+        [&] { k.setFocusDis(1e30f, true); }, [&] { k.updateCordinateMat({kNaN, 0, 1, 0, 1, 0}); },
+        [&] { k.updateCordinateMat({0, 0, 1, 0, kInf, 0}); }, [&] { k.updateCordinateMat({0, 0, 1, 0, 1, -1e30f}); },
+        [&] { k.setFFTWindow_doa(FFT_WINDOW_TUKEY, 0, 0, kNaN); },
+        [&] { k.setFFTWindow_doa(FFT_WINDOW_GAUSSIAN, kInf, 0, 0); },
+        [&] { k.setFFTWindow_doa(FFT_WINDOW_CHEBYSHEV, 0, 0, 1e30f); },
+        [&] { k.setFFTWindow_pickup(FFT_WINDOW_TUKEY, 0, 0, kNaN); },
+        [&] { k.setFFTWindow_pickup(FFT_WINDOW_CHEBYSHEV, 0, 0, -kInf); }};
+    for (size_t i = 0; i < calls.size(); ++i) {
+        kerneltest::capturedLines().clear();
+        calls[i]();
+        ASSERT_EQ(bodies().size(), 1u) << i;
+        EXPECT_NE(bodies()[0].find(": refused "), std::string::npos) << bodies()[0];
+        EXPECT_EQ(k.getFocusDis(), focus) << i;
+        const CordinateMat m = k.cordinateMat();
+        EXPECT_EQ(std::memcmp(&m, &m0, sizeof(m)), 0) << i;
+        ASSERT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
+        EXPECT_EQ(map.flat(), before) << i;
+        ASSERT_TRUE(k.readPickedUpAudio(frame.m, audio, fpoint2d{0.0f, 5, 4}));
+        EXPECT_TRUE(allFinite(std::vector<float>(audio->data, audio->data + 256))) << i;
+    }
+    destroy_vec_fp32(audio);
+}
+
+// Program switches, focus changes and the cell pickup against frames from
+// another thread: every frame is imaged, nothing races (thread sanitizer).
+TEST_F(KernelTest, ConcurrencyProgramFocusAndCellPickupAgainstFrames)
+{
+    AKUDoaKernel k;
+    ASSERT_TRUE(k.init(ini(std::string(kCamera) + "[QuantizeiParam]\nreadFromFile = 0\nautoSave = 0\n").c_str()));
+    Mat frame(sourceFrame(*k.camConfig()));
+    std::atomic<bool> done{false};
+    std::thread control([&] {
+        for (int i = 0; i < 4; ++i) {
+            k.setDoaProgram(i % 2 ? AKUDoaKernel::DOA_PROGRAM_V3 : AKUDoaKernel::DOA_PROGRAM_V5_PROCESS_4);
+            k.setFocusDis(0.5f + 0.25f * static_cast<float>(i), i % 2 == 0);
+            k.setFocusRadius(i == 2);
+            k.setSpectrumSelf(i == 1);
+            EXPECT_EQ(k.getDoaProgram(), i % 2 ? AKUDoaKernel::DOA_PROGRAM_V3 : AKUDoaKernel::DOA_PROGRAM_V5_PROCESS_4);
+        }
+        done = true;
+    });
+    int frames = 0;
+    Mat map(16, 12);
+    vec_fp32* audio = create_vec_fp32(256);
+    while (!done || frames < 3) {
+        EXPECT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
+        EXPECT_TRUE(k.readPickedUpAudioAtCell(frame.m, audio, fpoint2d{0.0f, frames % 16, 3}));
+        EXPECT_TRUE(allFinite(map.flat()) && std::isfinite(k.getPaWithTarget(fpoint2d{0.0f, 5, 4}).val));
+        ++frames;
+    }
+    control.join();
+    destroy_vec_fp32(audio);
+}
