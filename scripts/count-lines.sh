@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Non-blank, non-comment lines of the C/C++ (and Python) sources: the tests
-# (tests/) against the code they test (AKUDoa/ and tools/), and the ratio.
+# (tests/) against the code they test (AKUDoa/, tools/ and the Python
+# module in python/), and the ratio.
 #   scripts/count-lines.sh        totals
 #   scripts/count-lines.sh -v     also one line per folder
 # A line holding only a comment, a preprocessor comment line ("# text") or
@@ -20,11 +21,11 @@ count() {
 }
 
 if [ "${1:-}" = -v ]; then
-  for d in AKUDoa/base AKUDoa/iir tools tests/base tests/iir tests/akudoa tests/tools tests/support tests/crossbuild tests/install; do
+  for d in AKUDoa/base AKUDoa/iir tools python tests/base tests/iir tests/akudoa tests/tools tests/support tests/crossbuild tests/install tests/python tests/fuzz; do
     [ -d "$d" ] && printf '%-18s %6d\n' "$d" "$(count "$d")"
   done
   printf '%-18s %6d\n' "AKUDoa (top)" "$(count AKUDoa -maxdepth 1)"
 fi
-code=$(count AKUDoa tools)
+code=$(count AKUDoa tools python)
 tests=$(count tests)
 echo "code $code tests $tests ratio $(awk -v t="$tests" -v c="$code" 'BEGIN { printf "%.2f", t / c }')"
