@@ -18,7 +18,7 @@ body{background:#111;color:#ddd;font:14px sans-serif;margin:12px}
 #stage{width:640px;height:480px}
 #video{object-fit:cover;display:none}
 #bar{vertical-align:top;margin-left:6px;background:#111}
-#panel{display:inline-block;vertical-align:top;margin-left:12px;width:300px}
+#panel{display:inline-block;vertical-align:top;margin-left:12px;width:270px}
 #panel div{margin:4px 0}
 input[type=number]{width:70px}
 .v{color:#fff;font-weight:bold}
@@ -168,7 +168,7 @@ mark.onclick = async ev => {
   const b = mark.getBoundingClientRect();
   const r = Math.floor((ev.clientY - b.top) / b.height * rows), c = Math.floor((ev.clientX - b.left) / b.width * cols);
   if (!await control(`row=${r}&col=${c}`)) return;
-  $("cell").textContent = `(${r}, ${c})`; recent = []; A.audioBlocks = 0; A.audioDb = -Infinity;
+  $("cell").textContent = `(${r}, ${c})`; A.cell = [r, c]; recent = []; A.audioBlocks = 0; A.audioDb = -Infinity;
   if (!audioCtx) audioCtx = new AudioContext({sampleRate: state.rate});
   audioCtx.resume();
   if (!audioAbort) {
