@@ -97,7 +97,10 @@ try:
         return [px(10), px(h - 11)]; })()""")
     cmap = js("akudoa.cmap")
     check(bar == [cmap[255], cmap[0]], "colour bar from the map's top colour down to its bottom one: %s" % bar)
-    near, far = click(SOURCE), click(FAR)
+    near = click(SOURCE)
+    power, low, high = js("akudoa.target")
+    check(20000 <= low <= high <= 40000 and power > -200, "power %.1f dB over %s - %s Hz, inside the band" % (power, low, high))
+    far = click(FAR)
     check(near - far >= 10, "sound at the source %.1f dB, at a far cell %.1f dB" % (near, far))
     lat = sorted(js("akudoa.latency"))
     print("latency frame end to draw: median %.1f ms, 95th percentile %.1f ms over %d frames (frame period %.1f ms)"
@@ -110,5 +113,5 @@ finally:
 serve.send_signal(signal.SIGTERM)
 check(serve.wait(timeout=60) == 0, "serve exits 0 on SIGTERM")
 print(open(log.name).read())
-print("%d passed, %d failed" % (5 - len(failures), len(failures)))
+print("%d passed, %d failed" % (6 - len(failures), len(failures)))
 sys.exit(1 if failures else 0)

@@ -18,6 +18,7 @@
 #include <set>
 #include <sstream>
 #include <thread>
+#include <ctime>
 #include <sys/socket.h>
 
 #include "AKUDoa/akudoa.h"
@@ -272,6 +273,13 @@ AKUDoaKernel::DOAProgarm programEnum(int n)
     }
 }
 
+double threadCpuSeconds()
+{
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
 double wallMs()
 {
     return std::chrono::duration<double, std::milli>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -469,7 +477,6 @@ int runServe(const std::vector<std::string>& argv)
     std::unique_ptr<vec_fp32, VecDeleter> audio(create_vec_fp32(frameSize));
     std::vector<float> inter(static_cast<size_t>(frameSize) * in.channels);
     std::vector<float> map(static_cast<size_t>(rows) * cols);
-    const double binHz = static_cast<double>(in.sampleRate) / frameSize;
     const auto period = std::chrono::duration<double>(static_cast<double>(frameSize) / in.sampleRate);
 
     LiveSettings applied = hub.settings, s;
@@ -478,6 +485,7 @@ int runServe(const std::vector<std::string>& argv)
     long imaged = 0, read = 0;
     double busy = 0;
     const auto start = std::chrono::steady_clock::now();
+    const double cpuStart = threadCpuSeconds();
     auto due = start, windowStart = start;
     long windowFrames = 0;
     while (!stopRequested() && (maxFrames < 0 || imaged < maxFrames)) {
@@ -542,8 +550,8 @@ int runServe(const std::vector<std::string>& argv)
             float power = 0;
             ok = k.readHeatMap(frame.get(), heat.get(), cell, lo, hi, power, spectrum.get(), 0);
             target.powerDb = static_cast<float>(10 * std::log10(std::max(power, 1e-30f)));
-            target.lowHz = static_cast<float>(lo * binHz);
-            target.highHz = static_cast<float>(hi * binHz);
+            target.lowHz = static_cast<float>(lo);
+            target.highHz = static_cast<float>(hi);
         }
         if (!ok)
             throw ToolError("the library rejected frame " + std::to_string(read));
@@ -574,6 +582,7 @@ int runServe(const std::vector<std::string>& argv)
         }
     }
     const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double cpu = threadCpuSeconds() - cpuStart;
     {
         std::lock_guard<std::mutex> lk(hub.m);
         hub.stopping = true;
@@ -584,9 +593,12 @@ int runServe(const std::vector<std::string>& argv)
 
     std::printf("akudoa serve: %s after %ld frames\n", stopRequested() ? "stopped by a signal" : "input ended",
                 imaged);
-    std::printf("  frame rate: %.1f frames/s overall (real time %.1f), imaging alone %.1f frames/s\n",
+    // On a shared machine the wall-clock rates follow the load; the
+    // imaging thread's processor time does not.
+    std::printf("  frame rate: %.1f frames/s overall (real time %.1f), imaging alone %.1f frames/s, %.1f per "
+                "second of imaging-thread processor time\n",
                 wall > 0 ? imaged / wall : 0.0, static_cast<double>(in.sampleRate) / frameSize,
-                busy > 0 ? imaged / busy : 0.0);
+                busy > 0 ? imaged / busy : 0.0, cpu > 0 ? imaged / cpu : 0.0);
     std::printf("  clients: %ld served, at most %d at once, %ld refused; %ld frames dropped for slow clients\n",
                 hub.served, hub.mostClients, hub.refused, hub.dropped);
     return 0;

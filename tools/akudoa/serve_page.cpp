@@ -118,6 +118,7 @@ function draw(buf) {
   }
   const p = dv.getFloat32(32, true), lo = dv.getFloat32(36, true), hi = dv.getFloat32(40, true), d = dv.getFloat32(44, true);
   if (sr >= 0) {
+    A.target = [p, lo, hi];
     $("power").textContent = isNaN(p) ? "-" : p.toFixed(1); $("band").textContent = isNaN(lo) ? "-" : `${lo.toFixed(0)} - ${hi.toFixed(0)}`;
     $("dist").textContent = isNaN(d) ? "-" : d.toFixed(2);
   }
