@@ -2,7 +2,7 @@
 """The live view in a real browser: headless Chromium, driven over its
 DevTools protocol, against 'akudoa serve' fed a simulated one-source scene.
 Usage: serve_browser.py AKUDOA_BINARY WORK_DIR. Fails when no browser starts."""
-import json, os, shutil, signal, subprocess, sys, time, urllib.request
+import base64, json, os, shutil, signal, subprocess, sys, time, urllib.request
 import websocket
 
 tool, work = sys.argv[1], sys.argv[2]
@@ -22,8 +22,7 @@ failures = []
 
 def check(ok, what):
     print(("ok   " if ok else "FAIL ") + what, flush=True)
-    if not ok:
-        failures.append(what)
+    failures.extend([] if ok else [what])
 
 
 def wait_for(cond, seconds, what):
@@ -82,8 +81,7 @@ try:
     cdp("Page.navigate", url=url)
     wait_for(lambda: js("window.akudoa ? akudoa.frames : 0") >= 10, 60, "the first frames")
     first = js("akudoa.frames")
-    time.sleep(1)
-    check(js("akudoa.frames") > first, "the frame counter advances")
+    check(wait_for(lambda: js("akudoa.frames") > first, 30, "a new frame"), "the frame counter advances")
     # The brightest canvas pixel (colour-map lightness rises with level).
     bright = js("""(() => { const c = document.getElementById('heat'), d = c.getContext('2d')
         .getImageData(0, 0, c.width, c.height).data; let best = -1, at = 0;
@@ -95,8 +93,7 @@ try:
     bar = js("""(() => { const g = document.getElementById('bar').getContext('2d'), h = g.canvas.height;
         const px = y => Array.from(g.getImageData(10, y, 1, 1).data.slice(0, 3));
         return [px(10), px(h - 11)]; })()""")
-    cmap = js("akudoa.cmap")
-    check(bar == [cmap[255], cmap[0]], "colour bar from the map's top colour down to its bottom one: %s" % bar)
+    check(bar == [js("akudoa.cmap[255]"), js("akudoa.cmap[0]")], "colour bar from the map's top colour down to its bottom one: %s" % bar)
     near = click(SOURCE)
     power, low, high = js("akudoa.target")
     check(20000 <= low <= high <= 40000 and power > -200, "power %.1f dB over %s - %s Hz, inside the band" % (power, low, high))
@@ -105,8 +102,7 @@ try:
     lat = sorted(js("akudoa.latency"))
     print("latency frame end to draw: median %.1f ms, 95th percentile %.1f ms over %d frames (frame period %.1f ms)"
           % (lat[len(lat) // 2], lat[int(len(lat) * 0.95)], len(lat), 512 / 96.0))
-    shot = cdp("Page.captureScreenshot", format="png")["data"]
-    open(os.path.join(work, "live-view.png"), "wb").write(__import__("base64").b64decode(shot))
+    open(os.path.join(work, "live-view.png"), "wb").write(base64.b64decode(cdp("Page.captureScreenshot")["data"]))
 finally:
     os.killpg(browser.pid, signal.SIGTERM)
     browser.wait()
