@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -462,6 +463,22 @@ int runServe(const std::vector<std::string>& argv)
     if (boundPort < 0)
         throw ToolError("cannot listen on " + listen + " (address in use or not of this machine?)");
     std::thread http([&] { svr.listen_after_bind(); });
+    // Every way out of the imaging loop, an error included, closes the
+    // streams and waits for the server's threads.
+    auto shutdown = [&] {
+        {
+            std::lock_guard<std::mutex> lk(hub.m);
+            hub.stopping = true;
+            hub.cv.notify_all();
+        }
+        svr.stop();
+        if (http.joinable())
+            http.join();
+    };
+    struct Closer {
+        std::function<void()> f;
+        ~Closer() { f(); }
+    } closer{shutdown};
     std::printf("akudoa serve: %s on http://%s:%d/\n", cam.describe().c_str(), host.c_str(), boundPort);
     std::fflush(stdout);
 
@@ -583,13 +600,7 @@ int runServe(const std::vector<std::string>& argv)
     }
     const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const double cpu = threadCpuSeconds() - cpuStart;
-    {
-        std::lock_guard<std::mutex> lk(hub.m);
-        hub.stopping = true;
-        hub.cv.notify_all();
-    }
-    svr.stop();
-    http.join();
+    shutdown();
 
     std::printf("akudoa serve: %s after %ld frames\n", stopRequested() ? "stopped by a signal" : "input ended",
                 imaged);
