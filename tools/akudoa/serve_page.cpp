@@ -47,7 +47,7 @@ const CMAP = __COLORMAP__;
 const $ = id => document.getElementById(id);
 const heat = $("heat"), mark = $("mark"), bar = $("bar");
 const A = window.akudoa = {frames: 0, rows: 0, cols: 0, latency: [], audioDb: -Infinity, audioBlocks: 0, cmap: CMAP};
-let state = {}, refreshing = false, rows = 0, cols = 0, img = null, small = null;
+let state = {}, camOn = false, refreshing = false, rows = 0, cols = 0, img = null, small = null;
 async function control(body) {
   const r = await fetch("/control", {method: "POST", body});
   const t = await r.text();
@@ -80,7 +80,7 @@ $("mirror").onchange = () => $("video").style.transform = $("mirror").checked ? 
 $("cam").onclick = async () => {
   try {
     const v = $("video"); v.srcObject = await navigator.mediaDevices.getUserMedia({video: true});
-    v.style.display = "block"; heat.style.opacity = $("opacity").value;
+    v.style.display = "block"; camOn = true; heat.style.opacity = $("opacity").value;
   } catch (e) { $("msg").textContent = "no camera: " + e; }
 };
 function draw(buf) {
@@ -94,11 +94,12 @@ function draw(buf) {
   const px = new Uint8Array(buf, 56, rows * cols);
   for (let i = 0; i < px.length; i++) {
     const col = CMAP[px[i]];
-    img.data[4 * i] = col[0]; img.data[4 * i + 1] = col[1]; img.data[4 * i + 2] = col[2]; img.data[4 * i + 3] = 255;
+    img.data[4 * i] = col[0]; img.data[4 * i + 1] = col[1]; img.data[4 * i + 2] = col[2]; img.data[4 * i + 3] = px[i] || !camOn ? 255 : 0;
   }
   small.getContext("2d").putImageData(img, 0, 0);
   const g = heat.getContext("2d");
-  g.imageSmoothingEnabled = false; g.drawImage(small, 0, 0, heat.width, heat.height);
+  g.imageSmoothingEnabled = false; g.clearRect(0, 0, heat.width, heat.height);
+  g.drawImage(small, 0, 0, heat.width, heat.height);
   const pr = dv.getUint16(12, true), pc = dv.getUint16(14, true), cw = heat.width / cols, ch = heat.height / rows;
   const m = mark.getContext("2d"); m.clearRect(0, 0, mark.width, mark.height);
   for (const [w, s] of [[4, "#000"], [2, "#fff"]]) {
