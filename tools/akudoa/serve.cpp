@@ -102,6 +102,7 @@ struct Client {
     bool audio = false;
     std::deque<std::string> queue;
     long dropped = 0;
+    std::chrono::steady_clock::time_point lastSent = std::chrono::steady_clock::now();
 };
 
 // Everything shared between the imaging loop and the HTTP threads.
@@ -217,11 +218,20 @@ void streamTo(Hub& hub, httplib::Response& res, bool audio)
                     sink.done();
                     return true;
                 }
-                if (c->queue.empty())
+                if (!c->queue.empty()) {
+                    msg = std::move(c->queue.front());
+                    c->queue.pop_front();
+                } else if (std::chrono::steady_clock::now() - c->lastSent < std::chrono::seconds(1)) {
                     return true;
-                msg = std::move(c->queue.front());
-                c->queue.pop_front();
+                } else {
+                    // Nothing to send (paused, or waiting): a heartbeat, so
+                    // that a client gone meanwhile is noticed and let go.
+                    msg.assign(c->audio ? sizeof(float) : kHeaderBytes, '\0');
+                    if (!c->audio)
+                        msg.replace(0, 4, "AKF1");
+                }
             }
+            c->lastSent = std::chrono::steady_clock::now();
             return sink.write(msg.data(), msg.size());
         },
         [&hub, c](bool) { hub.leave(c); });

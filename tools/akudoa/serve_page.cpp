@@ -85,6 +85,7 @@ $("cam").onclick = async () => {
 };
 function draw(buf) {
   const dv = new DataView(buf), r = dv.getUint16(8, true), c = dv.getUint16(10, true);
+  if (!r) return; // a heartbeat
   if (r !== rows || c !== cols) {
     rows = A.rows = r; cols = A.cols = c;
     small = document.createElement("canvas"); small.width = cols; small.height = rows;
