@@ -19,7 +19,7 @@ done
 native=(cmake make g++ pkgconf libfftw3-dev libiniparser-dev libgtest-dev libgmock-dev
         libbenchmark-dev libsndfile1-dev libpng-dev libhdf5-dev libxml2-dev libxxhash-dev
         python3 python3-numpy python3-scipy python3-dev pybind11-dev python3-pytest
-        ccache)
+        libcpp-httplib-dev chromium python3-websocket ccache)
 arm=(g++-aarch64-linux-gnu qemu-user pkgconf:arm64 libstdc++6:arm64 libgomp1:arm64
      libfftw3-dev:arm64 libiniparser-dev:arm64 libgtest-dev:arm64 libxxhash-dev:arm64)
 

@@ -3,6 +3,7 @@
 //   akudoa image ...      heat maps of a recording
 //   akudoa pickup ...     the sound from one heat-map cell
 //   akudoa geometry ...   a geometry file from microphone positions
+//   akudoa serve ...      a live view in the browser
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -31,6 +32,8 @@ const Command kCommands[] = {
      akutool::runPickup, &akutool::kPickupHelp},
     {"geometry", "the library's geometry file from microphone positions (text x y [z] or Acoular XML)",
      akutool::runGeometry, &akutool::kGeometryHelp},
+    {"serve", "live heat map in the browser, with the sound of a clicked point", akutool::runServe,
+     &akutool::kServeHelp},
 };
 
 void usage(FILE* to)
