@@ -25,10 +25,7 @@ namespace {
 
 struct Case {
     const char* name;
-    int mics;
-    int rows;
-    int cols;
-    int frameSize;
+    int mics, rows, cols, frameSize;
     float focusDistance; // metres; 0 = far field
     bool freqAverage;
 };
