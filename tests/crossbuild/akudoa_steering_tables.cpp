@@ -11,7 +11,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,10 +25,7 @@ namespace {
 
 struct Case {
     const char* name;
-    int mics;
-    int rows;
-    int cols;
-    int frameSize;
+    int mics, rows, cols, frameSize;
     float focusDistance; // metres; 0 = far field
     bool freqAverage;
 };
@@ -43,23 +39,13 @@ const Case kCases[] = {
     {"near0.7_avg_m64_8x8_n256", 64, 8, 8, 256, 0.7f, true},
 };
 
-bool writeFile(const std::string& path, const void* data, size_t bytes)
+bool writeFile(const std::string& path, const std::string& bytes)
 {
     FILE* f = std::fopen(path.c_str(), "wb");
     if (!f)
         return false;
-    const bool ok = std::fwrite(data, 1, bytes, f) == bytes;
+    const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
     return std::fclose(f) == 0 && ok;
-}
-
-// FNV-1a over the bytes written, printed so that logs of both builds can be
-// compared by eye.
-uint64_t fnv1a(const void* data, size_t bytes, uint64_t h = 1469598103934665603ull)
-{
-    const unsigned char* p = static_cast<const unsigned char*>(data);
-    for (size_t i = 0; i < bytes; ++i)
-        h = (h ^ p[i]) * 1099511628211ull;
-    return h;
 }
 
 } // namespace
@@ -107,22 +93,15 @@ int main(int argc, char** argv)
         const mat2d_uint8* table = d->steerQuant;
 
         const std::string base = out + "/" + k.name;
-        bool ok = writeFile(base + "_scale.data", scale->data, sizeof(float) * scale->n);
-        uint64_t h = fnv1a(scale->data, sizeof(float) * scale->n);
-        FILE* f = std::fopen((base + "_table.data").c_str(), "wb");
-        ok = ok && f;
-        for (int b = 0; ok && b < table->rows; ++b) {
-            ok = std::fwrite(table->data[b], 1, table->cols, f) == static_cast<size_t>(table->cols);
-            h = fnv1a(table->data[b], table->cols, h);
-        }
-        if (f)
-            ok = std::fclose(f) == 0 && ok;
-        if (!ok) {
+        std::string rows;
+        for (int b = 0; b < table->rows; ++b)
+            rows.append(reinterpret_cast<const char*>(table->data[b]), table->cols);
+        if (!writeFile(base + "_scale.data", std::string(reinterpret_cast<const char*>(scale->data),
+                                                         sizeof(float) * scale->n)) ||
+            !writeFile(base + "_table.data", rows)) {
             std::fprintf(stderr, "%s: cannot write %s\n", argv[0], base.c_str());
             return 1;
         }
-        std::printf("%-26s B=%d row=%d bytes fnv1a=%016llx\n", k.name, table->rows, table->cols,
-                    static_cast<unsigned long long>(h));
     }
     return 0;
 }

@@ -8,8 +8,6 @@
 #include <cmath>
 #include <cstring>
 #include <dirent.h>
-#include <fstream>
-#include <sstream>
 
 #include "AKUDoa/akudoaquantizev3.h"
 #include "AKUDoa/akudoaquantizev3_p.h"
@@ -26,7 +24,6 @@ struct Fixture {
     Fixture()
     {
         const std::string dir = fuzz_dir("cache");
-        ::setenv("AKUDOA_CACHE_DIR", dir.c_str(), 1);
         cfg.doaVersionSelect = 3;
         cfg.sampleFrequency = 96000;
         cfg.channelNum = 8;
@@ -59,21 +56,13 @@ struct Fixture {
     }
 };
 
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static Fixture f;
     if (const char* out = std::getenv("AKUDOA_FUZZ_SEED_OUT")) {
-        fuzz_write(out, slurp(f.meta) + "\n----\n" + slurp(f.scale) + "\n----\n" + slurp(f.table));
+        fuzz_write(out, fuzz_read(f.meta) + "\n----\n" + fuzz_read(f.scale) + "\n----\n" + fuzz_read(f.table));
         std::_Exit(0); // not exit(): libFuzzer reports that as a finding
     }
     const std::vector<std::string> parts = fuzz_split(data, size, 3);

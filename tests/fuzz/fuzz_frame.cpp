@@ -33,7 +33,6 @@ struct Kernels {
     Kernels()
     {
         const std::string dir = fuzz_dir("frame");
-        ::setenv("AKUDOA_CACHE_DIR", dir.c_str(), 1);
         k[0] = makeKernel(dir, "v3.ini", std::string(kPlanar) + "DOAVersionSelect = 3\n");
         k[1] = makeKernel(dir, "v4.ini", std::string(kPlanar) + "DOAVersionSelect = 54\n");
         k[2] = makeKernel(dir, "line.ini",

@@ -1,5 +1,5 @@
 // Helpers shared by the fuzz targets: a private directory per process, file
-// writing, and splitting one input into several files.
+// reading and writing, and splitting one input into several files.
 #ifndef AKUDOA_TESTS_FUZZ_SUPPORT_H
 #define AKUDOA_TESTS_FUZZ_SUPPORT_H
 
@@ -8,18 +8,28 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
 // Fresh directory $TMPDIR/akudoa-fuzz-<tag>-XXXXXX (TMPDIR defaults to
-// /tmp), with a trailing '/'.
-inline std::string fuzz_dir(const char* tag)
+// /tmp), with a trailing '/'; the steering-table cache goes to its
+// subdirectory `cache` ("" for the directory itself).
+inline std::string fuzz_dir(const char* tag, const std::string& cache = "")
 {
     const char* tmp = std::getenv("TMPDIR");
     std::string t = std::string(tmp && *tmp ? tmp : "/tmp") + "/akudoa-fuzz-" + tag + "-XXXXXX";
     if (!::mkdtemp(&t[0]))
         std::abort();
+    ::setenv("AKUDOA_CACHE_DIR", (t + "/" + cache).c_str(), 1);
     return t + "/";
+}
+
+inline std::string fuzz_read(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 inline void fuzz_write(const std::string& path, const std::string& bytes)

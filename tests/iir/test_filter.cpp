@@ -34,7 +34,7 @@ std::vector<std::string> g_lines;
 
 // Magnitudes at DC, f0 and Nyquist follow from the cookbook definitions
 // (swapped signs, wrong A exponent, shelves mixed up); the float section
-// follows a double direct form I over an impulse and noise (swapped state
+// follows a double direct form I over noise (swapped state
 // update, wrong feedback sign).
 TEST(IIR, DesignsAndSectionAgainstDoubleReference)
 {
@@ -52,22 +52,18 @@ TEST(IIR, DesignsAndSectionAgainstDoubleReference)
                 const auto [mag, tol] = response(c, at[i], d.fs);
                 EXPECT_NEAR(mag, want[k][i], tol + 1e-6 * want[k][i]) << "at " << at[i] << " Hz";
             }
-            for (bool impulse : {true, false}) {
-                std::vector<float> x(512, 0.0f), y(512);
-                std::generate(x.begin(), x.end(), [&] { return impulse ? 0.0f : uni(rng); });
-                x[0] = impulse ? 1.0f : x[0];
-                AKUFilter f(c);
-                f.filter(x.data(), y.data(), 512);
-                std::vector<double> ref(512);
-                double x1 = 0, x2 = 0, y1 = 0, y2 = 0, scale = 0;
-                for (int n = 0; n < 512; ++n) {
-                    ref[n] = double(c.b0) * x[n] + double(c.b1) * x1 + double(c.b2) * x2 - double(c.a1) * y1 - double(c.a2) * y2;
-                    x2 = x1, x1 = x[n], y2 = y1, y1 = ref[n];
-                    scale = std::max(scale, std::fabs(ref[n]));
-                }
-                for (int n = 0; n < 512; ++n)
-                    ASSERT_NEAR(y[n], ref[n], 1e-5 * scale) << "sample " << n << (impulse ? " impulse" : " noise");
+            std::vector<float> x(512), y(512);
+            std::generate(x.begin(), x.end(), [&] { return uni(rng); });
+            AKUFilter(c).filter(x.data(), y.data(), 512);
+            std::vector<double> ref(512);
+            double x1 = 0, x2 = 0, y1 = 0, y2 = 0, scale = 0;
+            for (int n = 0; n < 512; ++n) {
+                ref[n] = double(c.b0) * x[n] + double(c.b1) * x1 + double(c.b2) * x2 - double(c.a1) * y1 - double(c.a2) * y2;
+                x2 = x1, x1 = x[n], y2 = y1, y1 = ref[n];
+                scale = std::max(scale, std::fabs(ref[n]));
             }
+            for (int n = 0; n < 512; ++n)
+                ASSERT_NEAR(y[n], ref[n], 1e-5 * scale) << "sample " << n;
         }
     }
 }

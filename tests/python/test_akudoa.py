@@ -98,10 +98,8 @@ def test_misuse_raises(tmp):
     cases = [
         (TypeError, lambda: k.heat_map(good.astype(np.float64))),
         (TypeError, lambda: k.heat_map(good.astype(">f4"))),
-        (TypeError, lambda: k.heat_map(good.tolist())),
         (ValueError, lambda: k.heat_map(np.ascontiguousarray(good.T))),
         (ValueError, lambda: k.heat_map(good[:100])),
-        (ValueError, lambda: k.heat_map(good[0])),
         (ValueError, lambda: k.heat_map(np.repeat(good, 2, axis=1)[:, ::2])),
         (IndexError, lambda: k.heat_map(good, channel=k.channels)),
         (IndexError, lambda: k.target_power(k.rows, 0)),
@@ -113,7 +111,6 @@ def test_misuse_raises(tmp):
         (ValueError, lambda: setattr(k, "doa_window", (15, 0, 0, 0))),
         (ValueError, lambda: setattr(k, "focus_distance", -1.0)),
         (RuntimeError, lambda: closed.heat_map(good)),
-        (RuntimeError, lambda: closed.rows),
         (ValueError, lambda: akudoa.Kernel(str(tmp / "missing.ini"))),
         (ValueError, lambda: akudoa.Kernel(config(tmp, mics=20))),  # the library would end the process
         (ValueError, lambda: akudoa.Kernel(config(tmp, frame=2048))),

@@ -36,10 +36,10 @@ std::string scene(const std::string& a, double levelA, double levelB = 0)
 } // namespace
 
 // Far field with two sources both ways round (the stronger is the peak of
-// every frame, the weaker a local maximum 3 ... 10 dB down in the mean map),
-// and focused at 1.2 m on two focal points. Catches orientation, sign and
-// channel-wiring faults between the simulator, the tool and the library,
-// and a wrong inverse of the focal grid (sign, half-pixel offset, 1/T).
+// every frame), and focused at 1.2 m on two focal points. Catches
+// orientation, sign and channel-wiring faults between the simulator, the
+// tool and the library, and a wrong inverse of the focal grid (sign,
+// half-pixel offset, 1/T).
 TEST(ToolRoundTrip, SourcesPeakAtTheirPixels)
 {
     std::string dir = dirFor("roundtrip");
@@ -50,12 +50,10 @@ TEST(ToolRoundTrip, SourcesPeakAtTheirPixels)
     struct Case {
         const char* cam;
         std::string scene;
-        int row, col, weakRow, weakCol;
+        int row, col;
     };
-    const Case cases[] = {{"far.ini", scene("4 3", -20, -26), 4, 3, 11, 8},
-                          {"far.ini", scene("4 3", -26, -20), 11, 8, 4, 3},
-                          {"near.ini", scene("2 9", -20), 2, 9, -1, -1},
-                          {"near.ini", scene("13 1", -20), 13, 1, -1, -1}};
+    const Case cases[] = {{"far.ini", scene("4 3", -20, -26), 4, 3}, {"far.ini", scene("4 3", -26, -20), 11, 8},
+                          {"near.ini", scene("2 9", -20), 2, 9}, {"near.ini", scene("13 1", -20), 13, 1}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.scene);
         writeText(joinPath(dir, "scene.ini"), c.scene);
@@ -88,19 +86,6 @@ TEST(ToolRoundTrip, SourcesPeakAtTheirPixels)
         ASSERT_TRUE(raw.good());
         EXPECT_EQ(raw.get(), EOF) << "heatmap.f32 is longer than 9 maps";
         EXPECT_FLOAT_EQ(maps[8 * 192 + c.row * 12 + c.col], static_cast<float>(level));
-        if (c.weakRow >= 0) {
-            std::vector<double> mean(192, 0.0);
-            for (int i = 0; i < 9 * 192; ++i)
-                mean[i % 192] += maps[i] / 9.0;
-            const double weak = mean[c.weakRow * 12 + c.weakCol];
-            for (int n = 0; n < 9; ++n)
-                if (n != 4) {
-                    EXPECT_GT(weak, mean[(c.weakRow + n / 3 - 1) * 12 + c.weakCol + n % 3 - 1]) << n;
-                }
-            const double below = 20 * std::log10(mean[c.row * 12 + c.col] / weak);
-            EXPECT_GT(below, 3.0);
-            EXPECT_LT(below, 10.0);
-        }
 
         // Every 4th frame as a PNG of (16 x 5) rows by (12 x 5) columns.
         for (int f = 0; f < 9; ++f) {
