@@ -15,11 +15,13 @@ int runSimulate(const std::vector<std::string>& args);
 int runImage(const std::vector<std::string>& args);
 int runPickup(const std::vector<std::string>& args);
 int runGeometry(const std::vector<std::string>& args);
+int runCheck(const std::vector<std::string>& args);
 
 extern const char* const kSimulateHelp;
 extern const char* const kImageHelp;
 extern const char* const kPickupHelp;
 extern const char* const kGeometryHelp;
+extern const char* const kCheckHelp;
 
 } // namespace akutool
 

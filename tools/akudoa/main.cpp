@@ -3,6 +3,7 @@
 //   akudoa image ...      heat maps of a recording
 //   akudoa pickup ...     the sound from one heat-map cell
 //   akudoa geometry ...   a geometry file from microphone positions
+//   akudoa check ...      the health of every microphone of the array
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -31,6 +32,8 @@ const Command kCommands[] = {
      akutool::runPickup, &akutool::kPickupHelp},
     {"geometry", "the library's geometry file from microphone positions (text x y [z] or Acoular XML)",
      akutool::runGeometry, &akutool::kGeometryHelp},
+    {"check", "names dead, clipped, noisy, inverted, swapped or misplaced microphones from a recording",
+     akutool::runCheck, &akutool::kCheckHelp},
 };
 
 void usage(FILE* to)
