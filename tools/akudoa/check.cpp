@@ -143,6 +143,26 @@ std::array<uint8_t, 3> statusColour(const std::string& s)
     return {230, 30, 30}; // swapped
 }
 
+// Position numbers beside the flagged microphones, in a 3 x 5 pixel font
+// scaled by px.
+void drawNumber(RgbImage& img, int x, int y, int number, int px)
+{
+    static const uint8_t digits[10][5] = {{7, 5, 5, 5, 7}, {2, 6, 2, 2, 7}, {7, 1, 7, 4, 7}, {7, 1, 7, 1, 7},
+                                          {5, 5, 7, 1, 1}, {7, 4, 7, 1, 7}, {7, 4, 7, 5, 7}, {7, 1, 1, 1, 1},
+                                          {7, 5, 7, 5, 7}, {7, 5, 7, 1, 7}};
+    const std::string text = std::to_string(number);
+    for (char ch : text) {
+        for (int r = 0; r < 5; ++r)
+            for (int c = 0; c < 3; ++c)
+                for (int d = 0; digits[ch - '0'][r] & (4 >> c) && d < px * px; ++d) {
+                    const int xx = x + c * px + d % px, yy = y + r * px + d / px;
+                    if (xx >= 0 && yy >= 0 && xx < img.width && yy < img.height)
+                        std::fill_n(img.at(xx, yy), 3, uint8_t(240));
+                }
+        x += 4 * px;
+    }
+}
+
 RgbImage drawArray(const std::vector<MicReport>& mics)
 {
     const int size = 480, dot = 9;
@@ -171,6 +191,8 @@ RgbImage drawArray(const std::vector<MicReport>& mics)
                 for (int ch = 0; ch < 3; ++ch)
                     img.at(x, y)[ch] = rim ? 240 : colour[ch];
             }
+        if (m.status != "ok")
+            drawNumber(img, cx + dot + 2, cy - dot, static_cast<int>(&m - mics.data()), 2);
     }
     return img;
 }
