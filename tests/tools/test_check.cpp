@@ -78,7 +78,9 @@ struct Bench {
             g.radius.push_back(static_cast<float>(std::hypot(pos[i].x, pos[i].y)));
         }
         writeGeometryFile(joinPath(dir, "geo.bin"), g);
-        writeText(joinPath(dir, "geo.ini"), smallCamera() + "[MicParam]\nMicFile = geo.bin\n");
+        // Table cache names do not carry the geometry file: build afresh.
+        writeText(joinPath(dir, "geo.ini"), smallCamera() + "[MicParam]\nMicFile = geo.bin\n"
+                                            "[QuantizeiParam]\nreadFromFile = false\nautoSave = false\n");
         writeWavFloat(joinPath(dir, "bad.wav"), p, 96000);
         ToolRun r = akudoa(dir, "check --config geo.ini --in bad.wav --out out" +
                                     std::string(giveSource ? " --source 3,2" : ""));

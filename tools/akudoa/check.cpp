@@ -25,7 +25,8 @@ const char* const kCheckHelp =
     "                    [--max-frames N] [--cache DIR] [--verbose]\n"
     "\n"
     "Checks every microphone of the array on a recording (any file 'akudoa image'\n"
-    "reads). Positions and recording channels are numbered from 0.\n"
+    "reads; the first --max-frames frames, by default two seconds). Positions and\n"
+    "recording channels are numbered from 0.\n"
     "Always, per microphone: RMS and peak level (dB full scale), share of samples\n"
     "at the channel's own extreme value (clipped), DC offset, and the best\n"
     "coherence with its three nearest neighbours over the configured band.\n"
@@ -205,7 +206,7 @@ int runCheck(const std::vector<std::string>& argv)
     const std::string configPath = args.required("config");
     const std::string inPath = args.required("in");
     const std::string outDir = args.get("out");
-    const long maxFrames = args.integer("max-frames", -1);
+    const long maxFrames = args.integer("max-frames", 0);
     int srcRow = -1, srcCol = -1;
     if (args.has("source")) {
         const std::string t = args.get("source");
@@ -235,8 +236,8 @@ int runCheck(const std::vector<std::string>& argv)
         throw ToolError(inPath + " is sampled at " + std::to_string(in.sampleRate) + " Hz; " + configPath +
                         " expects " + std::to_string(rate) + " Hz");
     long frames = static_cast<long>(in.frames / frameSize);
-    if (maxFrames >= 0)
-        frames = std::min(frames, maxFrames);
+    // Two seconds are plenty for every estimate and keep memory in bounds.
+    frames = std::min(frames, maxFrames > 0 ? maxFrames : std::max(4L, 2L * rate / frameSize));
     if (frames < 4)
         throw ToolError(inPath + " holds " + std::to_string(in.frames) + " samples per channel; the check needs " +
                         "at least four frames of " + std::to_string(frameSize));

@@ -105,30 +105,37 @@ void checkLevels(const std::vector<std::vector<float>>& sig, const std::vector<s
     const int k0 = std::max(1, static_cast<int>(std::ceil(lowHz * frameSize / sampleRate)));
     const int k1 = std::min(frameSize / 2 - 1, static_cast<int>(std::floor(highHz * frameSize / sampleRate)));
     const int bins = std::max(0, k1 - k0 + 1);
-    std::vector<std::vector<cplx>> spec(m, std::vector<cplx>(static_cast<size_t>(segs) * bins));
-    std::vector<std::vector<double>> auto_(m, std::vector<double>(bins, 0.0));
-    RealFft fft(frameSize);
+    // One segment's spectra of every microphone at a time, so memory does
+    // not grow with the recording.
+    std::vector<std::vector<cplx>> spec(m, std::vector<cplx>(bins));
+    std::vector<std::vector<double>> power(m, std::vector<double>(bins, 0.0));
+    std::vector<std::vector<std::vector<cplx>>> cross(m);
     for (size_t i = 0; i < m; ++i)
-        for (int s = 0; s < segs; ++s) {
+        cross[i].assign(neighbours[i].size(), std::vector<cplx>(bins, 0.0));
+    RealFft fft(frameSize);
+    for (int s = 0; s < segs; ++s) {
+        for (size_t i = 0; i < m; ++i) {
             for (int t = 0; t < frameSize; ++t)
                 fft.in()[t] = sig[i][static_cast<size_t>(s) * hop + t] * (0.5 - 0.5 * std::cos(2 * M_PI * t / frameSize));
             fft.run();
             for (int b = 0; b < bins; ++b) {
-                const cplx x = fft.bin(k0 + b);
-                spec[i][static_cast<size_t>(s) * bins + b] = x;
-                auto_[i][b] += std::norm(x);
+                spec[i][b] = fft.bin(k0 + b);
+                power[i][b] += std::norm(spec[i][b]);
             }
         }
+        for (size_t i = 0; i < m; ++i)
+            for (size_t n = 0; n < neighbours[i].size(); ++n)
+                for (int b = 0; b < bins; ++b)
+                    cross[i][n][b] += spec[i][b] * std::conj(spec[neighbours[i][n]][b]);
+    }
     for (size_t i = 0; i < m; ++i) {
         double best = 0;
-        for (int j : neighbours[i]) {
+        for (size_t n = 0; n < neighbours[i].size(); ++n) {
+            const std::vector<double>& other = power[neighbours[i][n]];
             double msc = 0;
             for (int b = 0; b < bins; ++b) {
-                cplx cross = 0;
-                for (int s = 0; s < segs; ++s)
-                    cross += spec[i][static_cast<size_t>(s) * bins + b] * std::conj(spec[j][static_cast<size_t>(s) * bins + b]);
-                const double den = auto_[i][b] * auto_[j][b];
-                msc += den > 0 ? std::norm(cross) / den : 0.0;
+                const double den = power[i][b] * other[b];
+                msc += den > 0 ? std::norm(cross[i][n][b]) / den : 0.0;
             }
             best = std::max(best, bins ? msc / bins : 0.0);
         }
