@@ -30,12 +30,13 @@ using Statuses = std::map<int, std::string>;
 // One source at cell (3, 2), off the axis so that a position error along
 // its direction changes the delay (2 cm there is about 23 us).
 struct Bench {
-    std::string dir = dirFor("check");
+    std::string dir; // one per test: ctest runs tests side by side
     ArrayLayout lay;
     Vec3 towards; // the source's direction in the array plane, unit length
     std::vector<std::vector<float>> planes;
 
-    explicit Bench(int seed = 1, const std::string& sources = "[source a]\npixel = 3 2\n")
+    explicit Bench(const std::string& name, int seed = 1, const std::string& sources = "[source a]\npixel = 3 2\n")
+        : dir(dirFor(name))
     {
         writeText(joinPath(dir, "cam.ini"), smallCamera());
         writeText(joinPath(dir, "scene.ini"), "[scene]\nduration = 0.2\nmic_noise_db = -60\n" + sources);
@@ -119,7 +120,7 @@ double sharpness(const std::string& out, const std::string& after)
 
 TEST(ToolCheck, NamesEachFaultAndNothingElse)
 {
-    Bench b;
+    Bench b("check");
     const std::vector<Injected> all = {{Dead, 5}, {Clip, 20}, {Invert, 33}, {Swap, 8, 49}, {Noise, 57}, {Shift, 24}};
     // A block of eight channels wired in reverse: four swapped pairs.
     const std::vector<Injected> reversed = {{Swap, 40, 47}, {Swap, 41, 46}, {Swap, 42, 45}, {Swap, 43, 44}};
@@ -146,7 +147,7 @@ TEST(ToolCheck, NamesEachFaultAndNothingElse)
 
 TEST(ToolCheck, TwoEqualSourcesNeedTheUserToNameOne)
 {
-    Bench b(1, "[source a]\npixel = 3 2\n[source b]\npixel = 12 9\n");
+    Bench b("check-two", 1, "[source a]\npixel = 3 2\n[source b]\npixel = 12 9\n");
     ToolRun r;
     b.check({}, false, &r);
     EXPECT_EQ(r.status, 1);
@@ -159,7 +160,7 @@ TEST(ToolCheck, TwoEqualSourcesNeedTheUserToNameOne)
 // with --gtest_also_run_disabled_tests --gtest_filter='*Sweep*'.
 TEST(ToolCheck, DISABLED_Sweep)
 {
-    Bench b;
+    Bench b("check-sweep");
     int found[3] = {}, alarms = 0;
     for (int p = 0; p < 64; ++p) {
         found[0] += b.check({{Dead, p}}, true) == expected({{Dead, p}});
@@ -167,7 +168,7 @@ TEST(ToolCheck, DISABLED_Sweep)
         found[2] += p < 63 && b.check({{Swap, p, p + 1}}, true) == expected({{Swap, p, p + 1}});
     }
     for (int seed = 1; seed <= 10; ++seed)
-        alarms += static_cast<int>(Bench(seed).check({}, false).size());
+        alarms += static_cast<int>(Bench("check-sweep", seed).check({}, false).size());
     std::printf("found: dead %d/64, inverted %d/64, swapped %d/63; flagged on 10 clean recordings: %d\n", found[0],
                 found[1], found[2], alarms);
 }
