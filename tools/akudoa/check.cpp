@@ -28,8 +28,9 @@ const char* const kCheckHelp =
     "reads; the first --max-frames frames, by default two seconds). Positions and\n"
     "recording channels are numbered from 0.\n"
     "Always, per microphone: RMS and peak level (dB full scale), share of samples\n"
-    "at the channel's own extreme value (clipped), DC offset, and the best\n"
-    "coherence with its three nearest neighbours over the configured band.\n"
+    "at the channel's own extreme value (clipped), DC offset, and its multiple\n"
+    "coherence with its three nearest neighbours over the configured band (the\n"
+    "share of its power they explain; near 1 with up to three sources).\n"
     "  dead     level 20 dB or more below the array's median, or 6 dB below it with\n"
     "           no coherence (under half the array's median coherence)\n"
     "  clipped  more than 1% of the samples at the channel's extreme value\n"
@@ -237,10 +238,11 @@ int runCheck(const std::vector<std::string>& argv)
                         " expects " + std::to_string(rate) + " Hz");
     long frames = static_cast<long>(in.frames / frameSize);
     // Two seconds are plenty for every estimate and keep memory in bounds.
-    frames = std::min(frames, maxFrames > 0 ? maxFrames : std::max(4L, 2L * rate / frameSize));
-    if (frames < 4)
+    frames = std::min(frames, maxFrames > 0 ? maxFrames : std::max(16L, 2L * rate / frameSize));
+    // Fewer segments would let independent noise look coherent.
+    if (frames < 16)
         throw ToolError(inPath + " holds " + std::to_string(in.frames) + " samples per channel; the check needs " +
-                        "at least four frames of " + std::to_string(frameSize));
+                        "at least 16 frames of " + std::to_string(frameSize));
     if (args.has("source") && (srcRow < 0 || srcRow >= nr || srcCol < 0 || srcCol >= nc))
         throw UsageError("--source lies outside the " + std::to_string(nr) + " x " + std::to_string(nc) +
                          " heat map");

@@ -38,7 +38,7 @@ struct MicReport {
 };
 
 // Level checks on the positions' signals (one vector per position).
-// neighbours[i] lists the positions whose coherence with i counts.
+// neighbours[i] lists the positions whose multiple coherence with i counts.
 void checkLevels(const std::vector<std::vector<float>>& sig, const std::vector<std::vector<int>>& neighbours,
                  int frameSize, int sampleRate, double lowHz, double highHz, const CheckLimits& lim,
                  std::vector<MicReport>& mics);

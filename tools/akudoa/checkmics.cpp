@@ -105,41 +105,76 @@ void checkLevels(const std::vector<std::vector<float>>& sig, const std::vector<s
     const int k0 = std::max(1, static_cast<int>(std::ceil(lowHz * frameSize / sampleRate)));
     const int k1 = std::min(frameSize / 2 - 1, static_cast<int>(std::floor(highHz * frameSize / sampleRate)));
     const int bins = std::max(0, k1 - k0 + 1);
-    // One segment's spectra of every microphone at a time, so memory does
-    // not grow with the recording.
+    // Per microphone and bin the cross-spectral matrix of the group
+    // {itself, its neighbours}, one segment at a time so memory does not grow
+    // with the recording.
     std::vector<std::vector<cplx>> spec(m, std::vector<cplx>(bins));
-    std::vector<std::vector<double>> power(m, std::vector<double>(bins, 0.0));
-    std::vector<std::vector<std::vector<cplx>>> cross(m);
+    std::vector<std::vector<cplx>> group(m);
+    const auto members = [&](size_t i, size_t a) { return a == 0 ? i : static_cast<size_t>(neighbours[i][a - 1]); };
     for (size_t i = 0; i < m; ++i)
-        cross[i].assign(neighbours[i].size(), std::vector<cplx>(bins, 0.0));
+        group[i].assign(static_cast<size_t>(bins) * (neighbours[i].size() + 1) * (neighbours[i].size() + 1), 0.0);
     RealFft fft(frameSize);
     for (int s = 0; s < segs; ++s) {
         for (size_t i = 0; i < m; ++i) {
             for (int t = 0; t < frameSize; ++t)
                 fft.in()[t] = sig[i][static_cast<size_t>(s) * hop + t] * (0.5 - 0.5 * std::cos(2 * M_PI * t / frameSize));
             fft.run();
-            for (int b = 0; b < bins; ++b) {
+            for (int b = 0; b < bins; ++b)
                 spec[i][b] = fft.bin(k0 + b);
-                power[i][b] += std::norm(spec[i][b]);
-            }
         }
-        for (size_t i = 0; i < m; ++i)
-            for (size_t n = 0; n < neighbours[i].size(); ++n)
-                for (int b = 0; b < bins; ++b)
-                    cross[i][n][b] += spec[i][b] * std::conj(spec[neighbours[i][n]][b]);
+        for (size_t i = 0; i < m; ++i) {
+            const size_t g = neighbours[i].size() + 1;
+            for (int b = 0; b < bins; ++b)
+                for (size_t r = 0; r < g; ++r)
+                    for (size_t c = 0; c < g; ++c)
+                        group[i][(static_cast<size_t>(b) * g + r) * g + c] +=
+                            spec[members(i, r)][b] * std::conj(spec[members(i, c)][b]);
+        }
     }
+    // Multiple coherence: the share of the microphone's power that a linear
+    // combination of its neighbours explains, per bin, averaged over the
+    // band. Unlike the coherence of one pair it stays near 1 with as many
+    // sources as neighbours; independent noise gets about neighbours/segments.
     for (size_t i = 0; i < m; ++i) {
-        double best = 0;
-        for (size_t n = 0; n < neighbours[i].size(); ++n) {
-            const std::vector<double>& other = power[neighbours[i][n]];
-            double msc = 0;
-            for (int b = 0; b < bins; ++b) {
-                const double den = power[i][b] * other[b];
-                msc += den > 0 ? std::norm(cross[i][n][b]) / den : 0.0;
+        const size_t n = neighbours[i].size();
+        double sum = 0;
+        for (int b = 0; b < bins; ++b) {
+            const cplx* c = &group[i][static_cast<size_t>(b) * (n + 1) * (n + 1)];
+            const double own = c[0].real();
+            double trace = 0;
+            for (size_t r = 1; r <= n; ++r)
+                trace += c[r * (n + 1) + r].real();
+            if (!(own > 0) || !(trace > 0))
+                continue;
+            // Solve A w = v (A: the neighbours' matrix, v: their cross-spectra
+            // with this one) by Gaussian elimination, lightly regularised for
+            // a silent neighbour.
+            std::vector<cplx> a(n * (n + 1));
+            for (size_t r = 0; r < n; ++r) {
+                for (size_t k = 0; k < n; ++k)
+                    a[r * (n + 1) + k] = c[(r + 1) * (n + 1) + k + 1] + (r == k ? 1e-9 * trace : 0.0);
+                a[r * (n + 1) + n] = c[(r + 1) * (n + 1)];
             }
-            best = std::max(best, bins ? msc / bins : 0.0);
+            for (size_t k = 0; k < n; ++k) {
+                size_t p = k;
+                for (size_t r = k + 1; r < n; ++r)
+                    if (std::abs(a[r * (n + 1) + k]) > std::abs(a[p * (n + 1) + k]))
+                        p = r;
+                for (size_t q = 0; q <= n; ++q)
+                    std::swap(a[k * (n + 1) + q], a[p * (n + 1) + q]);
+                for (size_t r = 0; r < n; ++r)
+                    if (r != k) {
+                        const cplx f = a[r * (n + 1) + k] / a[k * (n + 1) + k];
+                        for (size_t q = k; q <= n; ++q)
+                            a[r * (n + 1) + q] -= f * a[k * (n + 1) + q];
+                    }
+            }
+            double explained = 0;
+            for (size_t r = 0; r < n; ++r)
+                explained += (std::conj(c[(r + 1) * (n + 1)]) * a[r * (n + 1) + n] / a[r * (n + 1) + r]).real();
+            sum += std::clamp(explained / own, 0.0, 1.0);
         }
-        mics[i].coherence = best;
+        mics[i].coherence = bins ? sum / bins : 0.0;
     }
 
     std::vector<double> levels, cohs;
