@@ -16,12 +16,14 @@ int runImage(const std::vector<std::string>& args);
 int runPickup(const std::vector<std::string>& args);
 int runGeometry(const std::vector<std::string>& args);
 int runServe(const std::vector<std::string>& args);
+int runCheck(const std::vector<std::string>& args);
 
 extern const char* const kSimulateHelp;
 extern const char* const kImageHelp;
 extern const char* const kPickupHelp;
 extern const char* const kGeometryHelp;
 extern const char* const kServeHelp;
+extern const char* const kCheckHelp;
 
 } // namespace akutool
 

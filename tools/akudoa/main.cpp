@@ -4,6 +4,7 @@
 //   akudoa pickup ...     the sound from one heat-map cell
 //   akudoa geometry ...   a geometry file from microphone positions
 //   akudoa serve ...      a live view in the browser
+//   akudoa check ...      the health of every microphone of the array
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -34,6 +35,8 @@ const Command kCommands[] = {
      akutool::runGeometry, &akutool::kGeometryHelp},
     {"serve", "live heat map in the browser, with the sound of a clicked point", akutool::runServe,
      &akutool::kServeHelp},
+    {"check", "names dead, clipped, noisy, inverted, swapped or misplaced microphones from a recording",
+     akutool::runCheck, &akutool::kCheckHelp},
 };
 
 void usage(FILE* to)

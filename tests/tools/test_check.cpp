@@ -1,0 +1,174 @@
+// akudoa check: faults injected into a simulated recording of one source
+// are named at the microphone that has them, and nothing else is flagged.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "arrayfile.h"
+#include "camera.h"
+#include "cli_support.h"
+#include "wavio.h"
+
+using namespace akutool;
+using namespace clitest;
+
+namespace {
+
+enum Fault { Dead, Clip, Invert, Swap, Noise, Shift };
+struct Injected {
+    Fault fault;
+    int pos, other = -1; // other: the swap partner
+};
+using Statuses = std::map<int, std::string>;
+
+// One source at cell (3, 2), off the axis so that a position error along
+// its direction changes the delay (2 cm there is about 23 us).
+struct Bench {
+    std::string dir; // one per test: ctest runs tests side by side
+    ArrayLayout lay;
+    Vec3 towards; // the source's direction in the array plane, unit length
+    std::vector<std::vector<float>> planes;
+
+    explicit Bench(const std::string& name, int seed = 1, const std::string& sources = "[source a]\npixel = 3 2\n")
+        : dir(dirFor(name))
+    {
+        writeText(joinPath(dir, "cam.ini"), smallCamera());
+        writeText(joinPath(dir, "scene.ini"), "[scene]\nduration = 0.2\nmic_noise_db = -60\n" + sources);
+        EXPECT_EQ(akudoa(dir, "simulate --config cam.ini --scene scene.ini --out rec.wav --seed " +
+                                  std::to_string(seed)).status, 0);
+        Camera cam(joinPath(dir, "cam.ini"), {});
+        lay = cam.layout();
+        const Vec3 v = pixelTarget(cam.image(), 3, 2).v;
+        towards = (1.0 / std::hypot(v.x, v.y)) * Vec3{v.x, v.y, 0};
+        SoundReader in(joinPath(dir, "rec.wav"));
+        std::vector<float> inter(static_cast<size_t>(in.info().frames * in.info().channels));
+        in.read(inter.data(), in.info().frames);
+        planes.assign(in.info().channels, std::vector<float>(in.info().frames));
+        for (size_t t = 0; t < planes[0].size(); ++t)
+            for (size_t c = 0; c < planes.size(); ++c)
+                planes[c][t] = inter[t * planes.size() + c];
+    }
+
+    // Runs the check on the recording with the faults; the non-ok statuses.
+    Statuses check(const std::vector<Injected>& faults, bool giveSource, ToolRun* run = nullptr)
+    {
+        std::vector<std::vector<float>> p = planes;
+        std::vector<Vec3> pos = lay.position;
+        std::mt19937 rng(7);
+        std::normal_distribution<float> gauss(0.0f, 0.1f);
+        for (const Injected& f : faults) {
+            std::vector<float>& x = p[lay.channel[f.pos]];
+            for (float& v : x)
+                v = f.fault == Dead ? 0.0f : f.fault == Clip ? std::clamp(v, -0.1f, 0.1f)
+                  : f.fault == Invert ? -v : f.fault == Noise ? gauss(rng) : v;
+            if (f.fault == Swap)
+                std::swap(x, p[lay.channel[f.other]]);
+            if (f.fault == Shift)
+                pos[f.pos] = Vec3{pos[f.pos].x + 0.02 * towards.x, pos[f.pos].y + 0.02 * towards.y, 0};
+        }
+        ArrayGeometry g;
+        for (size_t i = 0; i < pos.size(); ++i) {
+            g.index.push_back(lay.channel[i]);
+            g.phi.push_back(static_cast<float>(std::atan2(pos[i].y, pos[i].x)));
+            g.radius.push_back(static_cast<float>(std::hypot(pos[i].x, pos[i].y)));
+        }
+        writeGeometryFile(joinPath(dir, "geo.bin"), g);
+        // Table cache names do not carry the geometry file: build afresh.
+        writeText(joinPath(dir, "geo.ini"), smallCamera() + "[MicParam]\nMicFile = geo.bin\n"
+                                            "[QuantizeiParam]\nreadFromFile = false\nautoSave = false\n");
+        writeWavFloat(joinPath(dir, "bad.wav"), p, 96000);
+        ToolRun r = akudoa(dir, "check --config geo.ini --in bad.wav --out out" +
+                                    std::string(giveSource ? " --source 3,2" : ""));
+        Statuses found;
+        std::ifstream csv(joinPath(dir, "out/channels.csv"));
+        std::string line;
+        std::getline(csv, line);
+        while (std::getline(csv, line))
+            if (line.substr(line.rfind(',') + 1) != "ok")
+                found[std::stoi(line)] = line.substr(line.rfind(',') + 1);
+        if (run)
+            *run = r;
+        return found;
+    }
+};
+
+Statuses expected(const std::vector<Injected>& faults)
+{
+    const char* names[] = {"dead", "clipped", "inverted", "", "noisy", "misplaced"};
+    Statuses s;
+    for (const Injected& f : faults) {
+        s[f.pos] = f.fault == Swap ? "swapped with " + std::to_string(f.other) : names[f.fault];
+        if (f.fault == Swap)
+            s[f.other] = "swapped with " + std::to_string(f.pos);
+    }
+    return s;
+}
+
+double sharpness(const std::string& out, const std::string& after)
+{
+    const size_t at = out.find(after);
+    return at == std::string::npos ? NAN : std::stod(out.substr(at + after.size()));
+}
+
+} // namespace
+
+TEST(ToolCheck, NamesEachFaultAndNothingElse)
+{
+    Bench b("check");
+    const std::vector<Injected> all = {{Dead, 5}, {Clip, 20}, {Invert, 33}, {Swap, 8, 49}, {Noise, 57}, {Shift, 24}};
+    // A block of eight channels wired in reverse: four swapped pairs.
+    const std::vector<Injected> reversed = {{Swap, 40, 47}, {Swap, 41, 46}, {Swap, 42, 45}, {Swap, 43, 44}};
+    struct Case {
+        std::vector<Injected> faults;
+        bool giveSource;
+    } cases[] = {{{}, true}, {{all[0]}, true}, {{all[1]}, true}, {{all[2]}, true}, {{all[3]}, true},
+                 {{all[4]}, true}, {{all[5]}, true}, {reversed, true}, {all, true}, {all, false}};
+    ToolRun clean, swapped;
+    for (const Case& c : cases) {
+        ToolRun r;
+        EXPECT_EQ(b.check(c.faults, c.giveSource, &r), expected(c.faults)) << r.out;
+        EXPECT_EQ(r.status, c.faults.empty() ? 0 : 3);
+        if (c.faults.empty())
+            clean = r;
+        if (c.faults.size() == reversed.size())
+            swapped = r;
+    }
+    // The corrected order restores what the swap cost the map.
+    const double cleanDb = sharpness(clean.out, "peak sharpness: ");
+    EXPECT_LT(sharpness(swapped.out, "order: "), cleanDb - 0.5) << swapped.out;
+    EXPECT_NEAR(sharpness(swapped.out, "dB before, "), cleanDb, 0.5) << swapped.out;
+}
+
+TEST(ToolCheck, TwoEqualSourcesNeedTheUserToNameOne)
+{
+    Bench b("check-two", 1, "[source a]\npixel = 3 2\n[source b]\npixel = 12 9\n");
+    ToolRun r;
+    b.check({}, false, &r);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("give --source"), std::string::npos) << r.out;
+}
+
+// The figures for the record, not a pass/fail test: single faults found at
+// every position (dead, inverted) and every pair of consecutive positions
+// (swapped), and microphones flagged on clean recordings of ten seeds. Run
+// with --gtest_also_run_disabled_tests --gtest_filter='*Sweep*'.
+TEST(ToolCheck, DISABLED_Sweep)
+{
+    Bench b("check-sweep");
+    int found[3] = {}, alarms = 0;
+    for (int p = 0; p < 64; ++p) {
+        found[0] += b.check({{Dead, p}}, true) == expected({{Dead, p}});
+        found[1] += b.check({{Invert, p}}, true) == expected({{Invert, p}});
+        found[2] += p < 63 && b.check({{Swap, p, p + 1}}, true) == expected({{Swap, p, p + 1}});
+    }
+    for (int seed = 1; seed <= 10; ++seed)
+        alarms += static_cast<int>(Bench("check-sweep", seed).check({}, false).size());
+    std::printf("found: dead %d/64, inverted %d/64, swapped %d/63; flagged on 10 clean recordings: %d\n", found[0],
+                found[1], found[2], alarms);
+}
