@@ -366,6 +366,7 @@ bool AKUDoaKernel::init(const char* path)
     c.extendCols = 12;
     c.initFlag = 0;
     c.pickupFullBand = false;
+    c.compactSteering = false;
     for (int i = 0; i < 6; ++i) {
         c.micIndex[i] = 0;
         c.micPhi[i] = 0.0f;
@@ -420,6 +421,7 @@ bool AKUDoaKernel::init(const char* path)
     c.distanceMeasureEn = iniparser_getboolean(ini, "AcousticCameraParam:distanceMeasure_en", 1) != 0;
     c.extraEn = iniparser_getboolean(ini, "DOA:extra_en", 1) != 0;
     c.waveScaleDb = static_cast<float>(iniparser_getdouble(ini, "DOA:wave_scale_dB", 0.0));
+    c.compactSteering = iniparser_getboolean(ini, "DOA:compact_steering", 0) != 0;
 
     AKUDOA_LOG() << kSeparator;
     AKUDOA_LOG() << "    Init Flag                    =" << c.initFlag;
@@ -442,6 +444,7 @@ bool AKUDoaKernel::init(const char* path)
     AKUDOA_LOG() << "    MeasureDisRows               =" << c.distanceMeasureRow;
     AKUDOA_LOG() << "    MeasureDisCols               =" << c.distanceMeasureCol;
     AKUDOA_LOG() << "    TargetQuantizeFlag           =" << c.targetQuantize;
+    AKUDOA_LOG() << "    CompactSteering              =" << c.compactSteering;
     AKUDOA_LOG() << "    MicFile                      =" << c.micFile;
     AKUDOA_LOG() << "    MicSenCalibrationFile        =" << c.micSenCalibrationFile;
     AKUDOA_LOG() << "    RotateMode                   =" << c.rotateMode;
