@@ -15,7 +15,9 @@
 //  - the same frame with the mirror-pair table (DOA:compact_steering), its
 //    ratio against the full table's floor, and the peak resident memory of
 //    a fresh process that only runs doaInit (cache present) for each
-//    layout, over the full table's size.
+//    layout, over the full table's size: the peak (which includes the
+//    cache file while the loader maps it) and the resident set once init
+//    has returned.
 // The cache goes to $AKUDOA_CACHE_DIR, or to a fresh directory under /tmp.
 #include <benchmark/benchmark.h>
 #include <omp.h>
@@ -203,19 +205,37 @@ BENCHMARK(BM_ExecuteDOA)->DenseRange(0, 2)->UseRealTime()->Unit(benchmark::kMill
 BENCHMARK(BM_ExecuteDOACompact)->UseRealTime()->Unit(benchmark::kMillisecond)->Repetitions(7)->ReportAggregatesOnly(true);
 BENCHMARK(BM_ExecuteFFT)->UseRealTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
 
-// Peak RSS (KB) of a fresh copy of this program that only runs doaInit with
-// the given layout, the cache being present.
-long childInitRssKB(const char* self, bool compact)
+// Resident set now (KB), file-backed pages included.
+long currentRssKB()
 {
-    const std::string cmd = std::string(self) + " --init-rss " + (compact ? "1" : "0");
-    FILE* p = popen(cmd.c_str(), "r");
     long kb = -1;
-    if (p) {
-        if (std::fscanf(p, "%ld", &kb) != 1)
-            kb = -1;
-        pclose(p);
+    if (FILE* f = std::fopen("/proc/self/status", "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof line, f))
+            if (std::sscanf(line, "VmRSS: %ld", &kb) == 1)
+                break;
+        std::fclose(f);
     }
     return kb;
+}
+
+// A fresh copy of this program that only runs doaInit with the given
+// layout, the cache being present: its peak and final resident set (KB)
+// and the doaInit time.
+struct ChildInit {
+    long peakKB = -1, endKB = -1;
+    double seconds = -1;
+};
+ChildInit childInit(const char* self, bool compact)
+{
+    const std::string cmd = std::string(self) + " --init-rss " + (compact ? "1" : "0");
+    ChildInit r;
+    if (FILE* p = popen(cmd.c_str(), "r")) {
+        if (std::fscanf(p, "%ld %ld %lf", &r.peakKB, &r.endKB, &r.seconds) != 3)
+            r = ChildInit();
+        pclose(p);
+    }
+    return r;
 }
 
 } // namespace
@@ -226,8 +246,10 @@ int main(int argc, char** argv)
         defaultConfig(g.cfg);
         g.cfg.compactSteering = argv[2][0] == '1';
         AKUDoaQuantizeV3 engine;
+        const auto t = Clock::now();
         engine.doaInit(&g.cfg);
-        std::printf("%ld\n", peakRssKB());
+        const double s = seconds(t, Clock::now());
+        std::printf("%ld %ld %.4f\n", peakRssKB(), currentRssKB(), s);
         return 0;
     }
     benchmark::Initialize(&argc, argv);
@@ -273,8 +295,8 @@ int main(int argc, char** argv)
 
     long mirrorOne = 0, mirrorWorse = 0;
     akudoa_planar_mirror_diff(g.engine->privateData(), mirrorOne, mirrorWorse);
-    const long rssFull = childInitRssKB(argv[0], false);
-    const long rssCompact = childInitRssKB(argv[0], true);
+    const ChildInit initFull = childInit(argv[0], false);
+    const ChildInit initComp = childInit(argv[0], true);
     StCamCfg compactCfg = g.cfg;
     compactCfg.compactSteering = true;
     t0 = Clock::now();
@@ -316,10 +338,12 @@ int main(int argc, char** argv)
     std::printf("stream: %.2f GB/s over %.0f MB (LLC %ld KB); steering bytes per frame %.1f MB -> floor %.2f ms\n",
                 g.bandwidth / 1e9, streamBytes / 1e6, llc / 1024, g.steerBytes / 1e6,
                 1e3 * g.steerBytes / g.bandwidth);
-    std::printf("compact: doaInit folding the cached pair %.3f s; peak RSS of a process that only inits: full %.1f MB "
-                "(%.2f x table), compact %.1f MB (%.2f x full table)\n",
-                initCompact, rssFull / 1024.0, rssFull * 1024.0 / tableBytes, rssCompact / 1024.0,
-                rssCompact * 1024.0 / tableBytes);
+    std::printf("compact: doaInit folding the cached pair %.3f s (this process)\n", initCompact);
+    for (const ChildInit* c : {&initFull, &initComp})
+        std::printf("fresh process, doaInit from the cache, %s table: %.3f s; peak RSS %.1f MB (%.2f x full table), "
+                    "RSS after init %.1f MB (%.2f x full table)\n",
+                    c == &initFull ? "full" : "compact", c->seconds, c->peakKB / 1024.0, c->peakKB * 1024.0 / tableBytes,
+                    c->endKB / 1024.0, c->endKB * 1024.0 / tableBytes);
     std::printf("mirror: %ld of %.0f mirror-block bytes differ by one unit from the conjugate of the stored block, "
                 "%ld by more\n",
                 mirrorOne, tableBytes / 2.0, mirrorWorse);
