@@ -444,7 +444,6 @@ bool AKUDoaKernel::init(const char* path)
     AKUDOA_LOG() << "    MeasureDisRows               =" << c.distanceMeasureRow;
     AKUDOA_LOG() << "    MeasureDisCols               =" << c.distanceMeasureCol;
     AKUDOA_LOG() << "    TargetQuantizeFlag           =" << c.targetQuantize;
-    AKUDOA_LOG() << "    CompactSteering              =" << c.compactSteering;
     AKUDOA_LOG() << "    MicFile                      =" << c.micFile;
     AKUDOA_LOG() << "    MicSenCalibrationFile        =" << c.micSenCalibrationFile;
     AKUDOA_LOG() << "    RotateMode                   =" << c.rotateMode;
