@@ -128,9 +128,11 @@ int openRegular(const std::string& path, size_t* size, const char** why)
 }
 
 // Reads count blocks of len bytes when the file holds exactly that many
-// bytes; *hash gets their checksum (blocksHash).
+// bytes; *hash gets their checksum (blocksHash). Each block may arrive in
+// parts equal pieces, blocks[i * parts + j] receiving piece j of block i;
+// a null destination is checked but not kept.
 bool readExact(const std::string& path, uint8_t* const* blocks, size_t count, size_t len, uint64_t* hash,
-               const char** why)
+               const char** why, size_t parts = 1)
 {
     size_t size = 0;
     const int fd = openRegular(path, &size, why);
@@ -150,9 +152,11 @@ bool readExact(const std::string& path, uint8_t* const* blocks, size_t count, si
             *why = "cannot be mapped";
             return false;
         }
-        // Each piece of a row is hashed right after its copy, while it is
-        // still in the first-level cache (a whole row, 786 KB at the
-        // defaults, is not); rows spread over the threads like the build.
+        // Each piece of a row is hashed where it was read, right beside its
+        // copy, while it is still in the first-level cache (a whole row,
+        // 786 KB at the defaults, is not); rows spread over the threads like
+        // the build. A null block is checked but not kept (the mirror blocks
+        // of a folded load).
         const uint8_t* src = static_cast<const uint8_t*>(map);
         constexpr size_t kPiece = 16384;
 #pragma omp parallel
@@ -162,10 +166,16 @@ bool readExact(const std::string& path, uint8_t* const* blocks, size_t count, si
 #pragma omp for schedule(dynamic, 1)
             for (long i = 0; i < static_cast<long>(count); ++i) {
                 XXH3_64bits_reset(&state);
-                for (size_t at = 0; at < len; at += kPiece) {
-                    const size_t n = std::min(kPiece, len - at);
-                    std::memcpy(blocks[i] + at, src + i * len + at, n);
-                    XXH3_64bits_update(&state, blocks[i] + at, n);
+                const size_t partLen = len / parts;
+                for (size_t j = 0; j < parts; ++j) {
+                    const uint8_t* part = src + i * len + j * partLen;
+                    uint8_t* dst = blocks[i * parts + j];
+                    for (size_t at = 0; at < partLen; at += kPiece) {
+                        const size_t n = std::min(kPiece, partLen - at);
+                        XXH3_64bits_update(&state, part + at, n);
+                        if (dst)
+                            std::memcpy(dst + at, part + at, n);
+                    }
                 }
                 h[i] = XXH3_64bits_digest(&state);
             }
@@ -304,7 +314,7 @@ bool akudoa_cache_save(const char* who, const AKUDoaCacheFiles& files, uint64_t 
 }
 
 bool akudoa_cache_load(const char* who, const AKUDoaCacheFiles& files, uint64_t key, float* scale, size_t binNum,
-                       uint8_t* const* rows, size_t rowLen)
+                       uint8_t* const* rows, size_t rowLen, size_t parts)
 {
     akudoa_cache_sweep(dirOf(files.table));
     if (::access(files.table.c_str(), F_OK) != 0 || ::access(files.scale.c_str(), F_OK) != 0)
@@ -331,7 +341,7 @@ bool akudoa_cache_load(const char* who, const AKUDoaCacheFiles& files, uint64_t 
         reason = "scale file checksum mismatch";
     else if (!std::all_of(s.begin(), s.end(), [](float v) { return std::isfinite(v) && v > 0.0f; }))
         reason = "non-finite or non-positive scale";
-    else if (!readExact(files.table, rows, binNum, rowLen, &tableHash, &why))
+    else if (!readExact(files.table, rows, binNum, rowLen, &tableHash, &why, parts))
         reason = std::string("table file ") + why;
     else if (tableHash != m.table)
         reason = "table file checksum mismatch";

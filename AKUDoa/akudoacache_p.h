@@ -48,9 +48,11 @@ bool akudoa_cache_save(const char* who, const AKUDoaCacheFiles& files, uint64_t 
 // (format, key, checksums), and every scale is finite and positive. A
 // missing pair returns false silently; any other rejection logs one line
 // saying why. scale is written only on success; rows may be overwritten
-// before a checksum mismatch is found.
+// before a checksum mismatch is found. With parts > 1 each row arrives in
+// that many equal pieces, rows[b * parts + j] taking piece j of row b (a
+// null pointer reads the piece for the checksum only).
 bool akudoa_cache_load(const char* who, const AKUDoaCacheFiles& files, uint64_t key, float* scale, size_t binNum,
-                       uint8_t* const* rows, size_t rowLen);
+                       uint8_t* const* rows, size_t rowLen, size_t parts = 1);
 
 // Removes this library's temporaries in dir whose writer process is gone.
 void akudoa_cache_sweep(const std::string& dir);

@@ -59,6 +59,9 @@ struct StCamCfg {
     float micRadius[AKUDOA_MAX_MIC_NUM];  // distance from the array centre, metres
     float micSensitivity[AKUDOA_MAX_SENSITIVITY_BINS]; // gain per FFT bin, frameSize/2+1 used
     bool pickupFullBand;        // pickup passes every bin instead of the band list; cleared by init, no INI key
+    // DOA:compact_steering: the far-field V3 table keeps one block per mirror
+    // pair of pixels (half the bytes); no effect in the near field.
+    bool compactSteering;
 };
 
 #endif

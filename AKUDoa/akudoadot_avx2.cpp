@@ -9,7 +9,36 @@
 
 namespace {
 constexpr int kMaxM2 = 1024; // 512 microphones; larger arrays use the reference
+
+// sx = sum s[n] * x[n], sy = sum s[n] * y[n] for n < len (x, y int16 copies).
+inline void sums16(const int8_t* s, const int16_t* x, const int16_t* y, int len, int32_t& sx, int32_t& sy)
+{
+    __m256i ax = _mm256_setzero_si256();
+    __m256i ay = _mm256_setzero_si256();
+    int n = 0;
+    for (; n + 16 <= len; n += 16) {
+        const __m256i sv = _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + n)));
+        ax = _mm256_add_epi32(ax, _mm256_madd_epi16(sv, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(x + n))));
+        ay = _mm256_add_epi32(ay, _mm256_madd_epi16(sv, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(y + n))));
+    }
+    __m128i rx = _mm_add_epi32(_mm256_castsi256_si128(ax), _mm256_extracti128_si256(ax, 1));
+    __m128i ry = _mm_add_epi32(_mm256_castsi256_si128(ay), _mm256_extracti128_si256(ay, 1));
+    if (n + 8 <= len) {
+        const __m128i sv = _mm_cvtepi8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(s + n)));
+        rx = _mm_add_epi32(rx, _mm_madd_epi16(sv, _mm_loadu_si128(reinterpret_cast<const __m128i*>(x + n))));
+        ry = _mm_add_epi32(ry, _mm_madd_epi16(sv, _mm_loadu_si128(reinterpret_cast<const __m128i*>(y + n))));
+        n += 8;
+    }
+    __m128i h = _mm_hadd_epi32(rx, ry);
+    h = _mm_hadd_epi32(h, h);
+    sx = _mm_cvtsi128_si32(h);
+    sy = _mm_extract_epi32(h, 1);
+    for (; n < len; ++n) {
+        sx += static_cast<int32_t>(s[n]) * x[n];
+        sy += static_cast<int32_t>(s[n]) * y[n];
+    }
 }
+} // namespace
 
 void akudoa_dot8_avx2(const int8_t* a, const int8_t* s, int m2, int npix, float f, float* outRe,
                       float* outIm)
@@ -108,5 +137,34 @@ void akudoa_dot8_avx2(const int8_t* a, const int8_t* s, int m2, int npix, float 
     }
 #if defined(AKUDOA_CHECK_SIMD)
     akudoa_dot8_check("avx2", a, s, m2, npix, f, outRe, outIm);
+#endif
+}
+
+void akudoa_dot8pair_avx2(const int8_t* a, const int8_t* s, int m2, int npair, float f, float* re, float* im,
+                          float* mre, float* mim)
+{
+    if (m2 > kMaxM2 || m2 <= 0) {
+        akudoa_dot8pair_ref(a, s, m2, npair, f, re, im, mre, mim);
+        return;
+    }
+    alignas(32) int16_t ar[kMaxM2];
+    alignas(32) int16_t ai[kMaxM2];
+    for (int n = 0; n < m2; ++n) {
+        ar[n] = a[n];
+        ai[n] = a[m2 + n];
+    }
+    const int h = m2 / 2;
+    for (int k = 0; k < npair; ++k) {
+        const int8_t* sp = s + static_cast<long>(k) * m2;
+        int32_t A, B, C, D;
+        sums16(sp, ar, ai, h, A, C);
+        sums16(sp + h, ar + h, ai + h, h, B, D);
+        mre[-k] = static_cast<float>(A - B) * f;
+        mim[-k] = static_cast<float>(C - D) * f;
+        re[k] = static_cast<float>(A + B) * f;
+        im[k] = static_cast<float>(C + D) * f;
+    }
+#if defined(AKUDOA_CHECK_SIMD)
+    akudoa_dot8pair_check("avx2", a, s, m2, npair, f, re, im, mre, mim);
 #endif
 }

@@ -68,3 +68,49 @@ void akudoa_dot8_avx512(const int8_t* a, const int8_t* s, int m2, int npix, floa
     akudoa_dot8_check("avx512vnni", a, s, m2, npix, f, outRe, outIm);
 #endif
 }
+
+void akudoa_dot8pair_avx512(const int8_t* a, const int8_t* s, int m2, int npair, float f, float* re,
+                            float* im, float* mre, float* mim)
+{
+    if (m2 > kMaxM2 || m2 <= 0) {
+        akudoa_dot8pair_ref(a, s, m2, npair, f, re, im, mre, mim);
+        return;
+    }
+    // The four spectrum quarters, each zero-padded to whole 64-byte blocks.
+    const int h = m2 / 2;
+    alignas(64) int8_t q[4][kMaxM2 / 2 + 64] = {};
+    int32_t bias[4] = {0, 0, 0, 0};
+    const int offs[4] = {0, h, m2, m2 + h}; // A: re of cos, B: re of sin, C, D: the imaginary halves
+    for (int t = 0; t < 4; ++t)
+        for (int n = 0; n < h; ++n) {
+            q[t][n] = a[offs[t] + n];
+            bias[t] += a[offs[t] + n];
+        }
+    const __m512i flip = _mm512_set1_epi8(static_cast<char>(0x80));
+    for (int k = 0; k < npair; ++k) {
+        const int8_t* sp = s + static_cast<long>(k) * m2;
+        __m512i acc[4] = {_mm512_setzero_si512(), _mm512_setzero_si512(), _mm512_setzero_si512(),
+                          _mm512_setzero_si512()};
+        for (int n = 0; n < h; n += 64) {
+            // Masked-off lanes read 0, flip to 128 and meet zero padding.
+            const __mmask64 m = h - n >= 64 ? ~0ULL : (~0ULL) >> (64 - (h - n));
+            const __m512i lo = _mm512_xor_si512(_mm512_maskz_loadu_epi8(m, sp + n), flip);
+            const __m512i hi = _mm512_xor_si512(_mm512_maskz_loadu_epi8(m, sp + h + n), flip);
+            acc[0] = _mm512_dpbusd_epi32(acc[0], lo, _mm512_load_si512(q[0] + n));
+            acc[1] = _mm512_dpbusd_epi32(acc[1], hi, _mm512_load_si512(q[1] + n));
+            acc[2] = _mm512_dpbusd_epi32(acc[2], lo, _mm512_load_si512(q[2] + n));
+            acc[3] = _mm512_dpbusd_epi32(acc[3], hi, _mm512_load_si512(q[3] + n));
+        }
+        const int32_t A = _mm512_reduce_add_epi32(acc[0]) - 128 * bias[0];
+        const int32_t B = _mm512_reduce_add_epi32(acc[1]) - 128 * bias[1];
+        const int32_t C = _mm512_reduce_add_epi32(acc[2]) - 128 * bias[2];
+        const int32_t D = _mm512_reduce_add_epi32(acc[3]) - 128 * bias[3];
+        mre[-k] = static_cast<float>(A - B) * f;
+        mim[-k] = static_cast<float>(C - D) * f;
+        re[k] = static_cast<float>(A + B) * f;
+        im[k] = static_cast<float>(C + D) * f;
+    }
+#if defined(AKUDOA_CHECK_SIMD)
+    akudoa_dot8pair_check("avx512vnni", a, s, m2, npair, f, re, im, mre, mim);
+#endif
+}

@@ -5,6 +5,33 @@
 
 #include <arm_neon.h>
 
+namespace {
+// sx = sum s[n] * x[n], sy = sum s[n] * y[n] for n < len.
+inline void sumsDot(const int8_t* s, const int8_t* x, const int8_t* y, int len, int32_t& sx, int32_t& sy)
+{
+    int32x4_t ax = vdupq_n_s32(0);
+    int32x4_t ay = vdupq_n_s32(0);
+    int n = 0;
+    for (; n + 16 <= len; n += 16) {
+        const int8x16_t sv = vld1q_s8(s + n);
+        ax = vdotq_s32(ax, sv, vld1q_s8(x + n));
+        ay = vdotq_s32(ay, sv, vld1q_s8(y + n));
+    }
+    sx = vaddvq_s32(ax);
+    sy = vaddvq_s32(ay);
+    if (n + 8 <= len) {
+        const int8x8_t sv = vld1_s8(s + n);
+        sx += vaddv_s32(vdot_s32(vdup_n_s32(0), sv, vld1_s8(x + n)));
+        sy += vaddv_s32(vdot_s32(vdup_n_s32(0), sv, vld1_s8(y + n)));
+        n += 8;
+    }
+    for (; n < len; ++n) {
+        sx += static_cast<int32_t>(s[n]) * x[n];
+        sy += static_cast<int32_t>(s[n]) * y[n];
+    }
+}
+} // namespace
+
 void akudoa_dot8_dotprod(const int8_t* a, const int8_t* s, int m2, int npix, float f,
                          float* outRe, float* outIm)
 {
@@ -37,5 +64,24 @@ void akudoa_dot8_dotprod(const int8_t* a, const int8_t* s, int m2, int npix, flo
     }
 #if defined(AKUDOA_CHECK_SIMD)
     akudoa_dot8_check("dotprod", a, s, m2, npix, f, outRe, outIm);
+#endif
+}
+
+void akudoa_dot8pair_dotprod(const int8_t* a, const int8_t* s, int m2, int npair, float f, float* re,
+                             float* im, float* mre, float* mim)
+{
+    const int h = m2 / 2;
+    for (int k = 0; k < npair; ++k) {
+        const int8_t* sp = s + static_cast<long>(k) * m2;
+        int32_t A, B, C, D;
+        sumsDot(sp, a, a + m2, h, A, C);
+        sumsDot(sp + h, a + h, a + m2 + h, h, B, D);
+        mre[-k] = static_cast<float>(A - B) * f;
+        mim[-k] = static_cast<float>(C - D) * f;
+        re[k] = static_cast<float>(A + B) * f;
+        im[k] = static_cast<float>(C + D) * f;
+    }
+#if defined(AKUDOA_CHECK_SIMD)
+    akudoa_dot8pair_check("dotprod", a, s, m2, npair, f, re, im, mre, mim);
 #endif
 }

@@ -1,5 +1,6 @@
 #include "AKUDoa/akudoaquantizeparam.h"
 
+#include <algorithm>
 #include <sys/statfs.h>
 
 #include <cstdlib>
@@ -91,8 +92,11 @@ bool AKUDoaQuantizeV3::loadQuantizeParam()
         return false;
     // Rows are read straight into the table (403 MB at the defaults, no
     // second copy); a rejected pair is rebuilt over them by the caller.
+    // A folded load hands over several pieces per row (see the compact
+    // table): rows then counts binNum times the pieces of a row.
     const V3Names names = v3Names(p->cfg, p->binNum);
+    const size_t parts = static_cast<size_t>(std::max(1, p->steerQuant->rows / std::max(1, p->binNum)));
     return akudoa_cache_load("AKUDoaQuantizeV3", {names.scale, names.table}, v3Key(p), p->steerScale->data,
                              static_cast<size_t>(p->binNum), p->steerQuant->data,
-                             static_cast<size_t>(p->steerQuant->cols));
+                             static_cast<size_t>(p->steerQuant->cols) * parts, parts);
 }

@@ -80,6 +80,30 @@ inline int paddedMics(int M)
     return (M + 3) & ~3;
 }
 
+// Table blocks per row: every pixel, or one per mirror pair.
+inline int steeringBlocks(const AKUDoaQuantizeV3Private* d)
+{
+    const int P = d->imageRows * d->imageCols;
+    return d->compact ? (P + 1) / 2 : P;
+}
+
+// Switches steerQuant between the full and the mirror-pair layout. Going
+// to pairs keeps the first blocks of every row (the table stays valid);
+// going back leaves a zero table for the caller to load or build.
+void setSteeringLayout(AKUDoaQuantizeV3Private* d, bool compact)
+{
+    if (d->compact == compact && d->steerQuant)
+        return;
+    mat2d_uint8* old = d->steerQuant;
+    d->compact = compact;
+    const int cols = 2 * d->micNum * steeringBlocks(d);
+    d->steerQuant = create_mat2d_int8(d->binNum, cols);
+    if (old && compact)
+        for (int b = 0; b < d->binNum; ++b)
+            std::memcpy(d->steerQuant->data[b], old->data[b], static_cast<size_t>(cols));
+    destroy_mat2d_uint8(old);
+}
+
 } // namespace
 
 AKUDoaQuantizeV3::AKUDoaQuantizeV3()
@@ -141,7 +165,7 @@ void akudoa_planar_create(AKUDoaQuantizeV3Private* d, bool regression)
     d->fftScale = create_vec_fp32(B);
     d->binWork = create_vec_fp32(B);
     d->dequantFactor = create_vec_fp32(B);
-    d->steerQuant = create_mat2d_int8(B, 2 * M * P);
+    d->steerQuant = create_mat2d_int8(B, 2 * M * steeringBlocks(d));
     d->fftQuant = create_mat2d_int8(B, 4 * M);
     d->beamComplex = create_mat2d_fp32(B, 2 * P);
     d->beamPower = create_mat2d_fp32(B, P);
@@ -179,6 +203,7 @@ void AKUDoaQuantizeV3::doaInit(StCamCfg* cfg)
     const int N = d->frameSize;
     const int B = cfg->freqAverage ? (N >> 2) + 1 : (N >> 1) + 1;
     d->binNum = B;
+    d->compact = cfg->compactSteering && !cfg->focusDistanceEn;
     akudoa_planar_create(d, usesRegression(cfg));
 
     focusDisUpdate();
@@ -197,13 +222,74 @@ void AKUDoaQuantizeV3::updateFFTWin(float* window, int length)
     std::memcpy(d->fftWindow->data, window, sizeof(float) * static_cast<size_t>(length));
 }
 
+// Loads the full-format cache straight into the mirror-pair table: the
+// reader fills a list of equal blocks in file order, so the blocks of the
+// stored pixels point into the table and the mirror blocks are null (read
+// for the checksum, not kept). Peak memory stays at the compact table.
+static bool loadFolded(AKUDoaQuantizeV3& engine, AKUDoaQuantizeV3Private* d)
+{
+    const int B = d->binNum;
+    const int M = d->micNum;
+    const int P = d->imageRows * d->imageCols;
+    mat2d_uint8* table = d->steerQuant;
+    // An even image halves each row exactly; an odd one needs pixel blocks.
+    const bool halves = P % 2 == 0;
+    const int per = halves ? 2 : P;
+    mat2d_uint8 view;
+    view.rows = B * per;
+    view.cols = halves ? M * P : 2 * M;
+    std::vector<uint8_t*> blocks(static_cast<size_t>(view.rows));
+    for (int b = 0; b < B; ++b)
+        for (int k = 0; k < per; ++k)
+            blocks[static_cast<size_t>(b) * per + k] =
+                k < (per + 1) / 2 ? table->data[b] + static_cast<size_t>(k) * view.cols : nullptr;
+    view.data = blocks.data();
+    d->steerQuant = &view;
+    const bool ok = engine.loadQuantizeParam();
+    d->steerQuant = table;
+    return ok;
+}
+
 bool AKUDoaQuantizeV3::focusDisUpdate()
 {
+    const bool compact = d->cfg->compactSteering && !d->cfg->focusDistanceEn;
+    if (d->cfg->compactSteering && d->cfg->focusDistanceEn)
+        AKUDOA_LOG() << "DOA:compact_steering changes nothing in the near field, full steering table";
+    setSteeringLayout(d, compact);
+    if (compact) {
+        if (loadFolded(*this, d))
+            return true;
+        // The cache keeps the full format: build and save the full table,
+        // then fold it.
+        setSteeringLayout(d, false);
+        const bool saved = createQuantizeParam();
+        setSteeringLayout(d, true);
+        return saved;
+    }
     if (loadQuantizeParam())
         return true;
     if (d->cfg->focusDistanceEn)
         return createQuantizeFocusDisParam();
     return createQuantizeParam();
+}
+
+void akudoa_planar_mirror_diff(const AKUDoaQuantizeV3Private* d, long& oneUnit, long& larger)
+{
+    oneUnit = larger = 0;
+    const int M = d->micNum;
+    const int P = d->imageRows * d->imageCols;
+    for (int b = 0; b < d->binNum; ++b) {
+        const int8_t* row = reinterpret_cast<const int8_t*>(d->steerQuant->data[b]);
+        for (int p = 0; p < (P + 1) / 2; ++p) {
+            const int8_t* s = row + static_cast<size_t>(p) * 2 * M;
+            const int8_t* m = row + static_cast<size_t>(P - 1 - p) * 2 * M;
+            for (int n = 0; n < 2 * M; ++n) {
+                const int diff = std::abs(m[n] - (n < M ? s[n] : -s[n]));
+                oneUnit += diff == 1;
+                larger += diff > 1;
+            }
+        }
+    }
 }
 
 float AKUDoaQuantizeV3::posDistance(float x1, float y1, float z1, float x2, float y2, float z2)
@@ -401,8 +487,15 @@ void akudoa_planar_dot_row(AKUDoaQuantizeV3Private* d, mat2d_uint8* fftQ, mat2d_
                            mat2d_fp32* out, int row)
 {
     const int m2 = fftQ->cols / 2;
-    const int P = (2 * steerQ->cols) / fftQ->cols;
     float* o = out->data[row];
+    if (d->compact) {
+        const int P = d->imageRows * d->imageCols;
+        d->dot8.pair(reinterpret_cast<const int8_t*>(fftQ->data[row]),
+                     reinterpret_cast<const int8_t*>(steerQ->data[row]), m2, (P + 1) / 2, factor->data[row], o, o + P,
+                     o + P - 1, o + 2 * P - 1);
+        return;
+    }
+    const int P = (2 * steerQ->cols) / fftQ->cols;
     d->dot8.fn(reinterpret_cast<const int8_t*>(fftQ->data[row]), reinterpret_cast<const int8_t*>(steerQ->data[row]),
                m2, P, factor->data[row], o, o + P);
 }
@@ -411,9 +504,9 @@ void akudoa_planar_dot_row_radius(AKUDoaQuantizeV3Private* d, mat2d_uint8* fftQ,
                                   vec_fp32* factor, mat2d_fp32* out, int row)
 {
     const int m2 = fftQ->cols / 2;
-    const int P = (2 * steerQ->cols) / fftQ->cols;
     const int NR = d->imageRows;
     const int NC = d->imageCols;
+    const int P = NR * NC;
     const int r0 = std::max((NR >> 1) - (NC >> 2), 0);
     const int r1 = std::min((NR >> 1) + (NC >> 2), NR);
     const int c0 = NC >> 2;
@@ -421,6 +514,31 @@ void akudoa_planar_dot_row_radius(AKUDoaQuantizeV3Private* d, mat2d_uint8* fftQ,
     const int8_t* a = reinterpret_cast<const int8_t*>(fftQ->data[row]);
     const int8_t* s = reinterpret_cast<const int8_t*>(steerQ->data[row]);
     float* o = out->data[row];
+    if (d->compact) {
+        // Each pair that has a pixel in the square is computed, which also
+        // refreshes its partner outside the square when the square is not
+        // point symmetric (odd images); a symmetric square needs only the
+        // pairs stored in its first half.
+        const int npair = (P + 1) / 2;
+        const bool symmetric = r0 + r1 == NR && c0 + c1 == NC;
+        const float f = factor->data[row];
+        for (int r = r0; r < r1; ++r) {
+            const int p0 = r * NC + c0;
+            const int p1 = r * NC + c1;
+            if (p0 < npair) {
+                const int e = std::min(p1, npair);
+                d->dot8.pair(a, s + static_cast<size_t>(p0) * m2, m2, e - p0, f, o + p0, o + P + p0, o + P - 1 - p0,
+                             o + 2 * P - 1 - p0);
+            }
+            const int q0 = std::max(p0, npair);
+            if (!symmetric && q0 < p1) {
+                const int k0 = P - p1; // pairs of the pixels q0 .. p1-1
+                d->dot8.pair(a, s + static_cast<size_t>(k0) * m2, m2, P - q0 - k0, f, o + k0, o + P + k0,
+                             o + P - 1 - k0, o + 2 * P - 1 - k0);
+            }
+        }
+        return;
+    }
     for (int r = r0; r < r1; ++r) {
         const int p0 = r * NC + c0;
         d->dot8.fn(a, s + static_cast<size_t>(p0) * m2, m2, c1 - c0, factor->data[row], o + p0, o + P + p0);

@@ -47,8 +47,13 @@ struct AKUDoaQuantizeV3Private {
     // that the bins of one frame are summed in band order whatever thread
     // produced them. Created when the program needs it.
     mat2d_fp32* gprBins = nullptr;
+    // Mirror-pair layout of a far-field table (DOA:compact_steering):
+    // steerQuant keeps the blocks of pixels 0 .. (P+1)/2 - 1 only, pixel
+    // P-1-p being the conjugate of pixel p; the bytes kept are those of the
+    // full table. Set before akudoa_planar_create sizes the table.
+    bool compact = false;
     // int8 beam-sum kernel chosen for this CPU at doaInit.
-    AKUDoaDot8Path dot8 = {"ref", akudoa_dot8_ref};
+    AKUDoaDot8Path dot8 = {"ref", akudoa_dot8_ref, akudoa_dot8pair_ref};
 };
 
 class IAKUDoaQuantize;
@@ -88,6 +93,10 @@ void akudoa_planar_norm_offset(mat2d_fp32* in, mat2d_fp32* out, float offset, in
 // One table row of a frame: dequantization factor, beam sums, pixel power
 // into beamPower[b] (without the self terms unless `self`).
 void akudoa_planar_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b, bool radius, bool self);
+// Over a full far-field table: bytes of each mirror block (pixel P-1-p)
+// that differ from the conjugate of pixel p's block by one unit, and by
+// more than one.
+void akudoa_planar_mirror_diff(const AKUDoaQuantizeV3Private* d, long& oneUnit, long& larger);
 // heatSum += beamPower[b] weighted by the bin's sensitivity gain.
 void akudoa_planar_add_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b);
 // heatSum -> amplitude (scale by 1/((M-1)M), floor at 0 unless `self`,

@@ -78,6 +78,8 @@ const AKUSetting kRows[] = {
      "extended-view columns (no key)"},
     {"DOA:wave_scale_dB", "    Wave Scale dB                =", T::Double, F(waveScaleDb), 0, 0, -1000, 1000,
      "heat-map scale in dB"},
+    {"DOA:compact_steering", nullptr, T::Bool, F(compactSteering), 0, 0, kNo, kCheck,
+     "far field: one steering row block per mirror pixel pair (half the table)"},
     {"AcousticCameraParam:rx1", nullptr, T::Double, F(rx1), 0, -1, -AKUDOA_CORRECTION_MAX, AKUDOA_CORRECTION_MAX,
      "coordinate correction: row offset (scaled by section_factor)"},
     {"AcousticCameraParam:rx2", nullptr, T::Double, F(rx2), 0, -1, -AKUDOA_CORRECTION_MAX, AKUDOA_CORRECTION_MAX,

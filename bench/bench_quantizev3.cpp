@@ -11,7 +11,13 @@
 //    a streaming-read bandwidth measured in the same run over a buffer much
 //    larger than the last-level cache, and the ratio
 //    frame time / (bytes / bandwidth): 1.0 means the frame runs at the
-//    memory floor.
+//    memory floor;
+//  - the same frame with the mirror-pair table (DOA:compact_steering), its
+//    ratio against the full table's floor, and the peak resident memory of
+//    a fresh process that only runs doaInit (cache present) for each
+//    layout, over the full table's size: the peak (which includes the
+//    cache file while the loader maps it) and the resident set once init
+//    has returned.
 // The cache goes to $AKUDOA_CACHE_DIR, or to a fresh directory under /tmp.
 #include <benchmark/benchmark.h>
 #include <omp.h>
@@ -99,6 +105,7 @@ struct World {
     int binsInBand = 0;
 };
 World g;
+AKUDoaQuantizeV3* gCompact = nullptr;
 
 // Parallel streaming read (the same OpenMP threads the frame uses), best of
 // a few passes over a buffer of `bytes`.
@@ -151,6 +158,16 @@ void BM_ExecuteDOA(benchmark::State& state)
     runFrames(state, paths[static_cast<size_t>(state.range(0))]);
 }
 
+// The selected path on the mirror-pair table; the ratio is against the
+// full table's floor.
+void BM_ExecuteDOACompact(benchmark::State& state)
+{
+    std::swap(g.engine, gCompact);
+    runFrames(state, akudoa_dot8_select());
+    std::swap(g.engine, gCompact);
+    state.SetLabel(std::string(akudoa_dot8_select().name) + " compact");
+}
+
 void BM_ExecuteFFT(benchmark::State& state)
 {
     for (auto _ : state) {
@@ -185,12 +202,56 @@ void BM_Dot8RowInCache(benchmark::State& state)
 
 BENCHMARK(BM_Dot8RowInCache)->DenseRange(0, 2)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ExecuteDOA)->DenseRange(0, 2)->UseRealTime()->Unit(benchmark::kMillisecond)->Repetitions(7)->ReportAggregatesOnly(true);
+BENCHMARK(BM_ExecuteDOACompact)->UseRealTime()->Unit(benchmark::kMillisecond)->Repetitions(7)->ReportAggregatesOnly(true);
 BENCHMARK(BM_ExecuteFFT)->UseRealTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
+
+// Resident set now (KB), file-backed pages included.
+long currentRssKB()
+{
+    long kb = -1;
+    if (FILE* f = std::fopen("/proc/self/status", "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof line, f))
+            if (std::sscanf(line, "VmRSS: %ld", &kb) == 1)
+                break;
+        std::fclose(f);
+    }
+    return kb;
+}
+
+// A fresh copy of this program that only runs doaInit with the given
+// layout, the cache being present: its peak and final resident set (KB)
+// and the doaInit time.
+struct ChildInit {
+    long peakKB = -1, endKB = -1;
+    double seconds = -1;
+};
+ChildInit childInit(const char* self, bool compact)
+{
+    const std::string cmd = std::string(self) + " --init-rss " + (compact ? "1" : "0");
+    ChildInit r;
+    if (FILE* p = popen(cmd.c_str(), "r")) {
+        if (std::fscanf(p, "%ld %ld %lf", &r.peakKB, &r.endKB, &r.seconds) != 3)
+            r = ChildInit();
+        pclose(p);
+    }
+    return r;
+}
 
 } // namespace
 
 int main(int argc, char** argv)
 {
+    if (argc == 3 && std::strcmp(argv[1], "--init-rss") == 0) {
+        defaultConfig(g.cfg);
+        g.cfg.compactSteering = argv[2][0] == '1';
+        AKUDoaQuantizeV3 engine;
+        const auto t = Clock::now();
+        engine.doaInit(&g.cfg);
+        const double s = seconds(t, Clock::now());
+        std::printf("%ld %ld %.4f\n", peakRssKB(), currentRssKB(), s);
+        return 0;
+    }
     benchmark::Initialize(&argc, argv);
     std::string dir;
     const char* env = std::getenv("AKUDOA_CACHE_DIR");
@@ -232,10 +293,22 @@ int main(int argc, char** argv)
     const bool reloaded = g.engine->loadQuantizeParam();
     const double loadOnly = seconds(t0, Clock::now());
 
+    long mirrorOne = 0, mirrorWorse = 0;
+    akudoa_planar_mirror_diff(g.engine->privateData(), mirrorOne, mirrorWorse);
+    const ChildInit initFull = childInit(argv[0], false);
+    const ChildInit initComp = childInit(argv[0], true);
+    StCamCfg compactCfg = g.cfg;
+    compactCfg.compactSteering = true;
+    t0 = Clock::now();
+    gCompact = new AKUDoaQuantizeV3;
+    gCompact->doaInit(&compactCfg);
+    const double initCompact = seconds(t0, Clock::now());
+
     std::vector<float> window(kN, 1.0f);
     for (int i = 0; i < kN; ++i)
         window[i] = static_cast<float>(0.5 - 0.5 * std::cos(2 * kPi * i / (kN - 1)));
     g.engine->updateFFTWin(window.data(), kN);
+    gCompact->updateFFTWin(window.data(), kN);
     g.bands.updateBands({{20000, 40000, 1}});
     g.binsInBand = static_cast<int>(g.bands.data().size());
     g.steerBytes = double(g.binsInBand) * 2.0 * kMics * kRows * kCols;
@@ -265,6 +338,15 @@ int main(int argc, char** argv)
     std::printf("stream: %.2f GB/s over %.0f MB (LLC %ld KB); steering bytes per frame %.1f MB -> floor %.2f ms\n",
                 g.bandwidth / 1e9, streamBytes / 1e6, llc / 1024, g.steerBytes / 1e6,
                 1e3 * g.steerBytes / g.bandwidth);
+    std::printf("compact: doaInit folding the cached pair %.3f s (this process)\n", initCompact);
+    for (const ChildInit* c : {&initFull, &initComp})
+        std::printf("fresh process, doaInit from the cache, %s table: %.3f s; peak RSS %.1f MB (%.2f x full table), "
+                    "RSS after init %.1f MB (%.2f x full table)\n",
+                    c == &initFull ? "full" : "compact", c->seconds, c->peakKB / 1024.0, c->peakKB * 1024.0 / tableBytes,
+                    c->endKB / 1024.0, c->endKB * 1024.0 / tableBytes);
+    std::printf("mirror: %ld of %.0f mirror-block bytes differ by one unit from the conjugate of the stored block, "
+                "%ld by more\n",
+                mirrorOne, tableBytes / 2.0, mirrorWorse);
     std::fflush(stdout);
 
     benchmark::RunSpecifiedBenchmarks();
@@ -272,5 +354,6 @@ int main(int argc, char** argv)
     destroy_mat2d_fp32(g.frame);
     destroy_mat2d_fp32(g.heat);
     delete g.engine;
+    delete gCompact;
     return 0;
 }
