@@ -1,6 +1,7 @@
 // Steering-table cache: a pair that does not match the configuration or its
 // sidecar is never used, and a save killed part-way leaves nothing behind.
 #include <gtest/gtest.h>
+#include <omp.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <xxhash.h>
@@ -160,6 +161,8 @@ TEST_F(CacheTest, SaveKilledPartWayLeavesNoOrphan)
 {
     const rlimit lim = {8192, 8192};
     const pid_t child = ::fork();
+    if (child == 0) // the parent's OpenMP workers do not exist here: one thread
+        omp_set_num_threads(1);
     if (child == 0 && ::setrlimit(RLIMIT_FSIZE, &lim) == 0)
         Engine e(small()); // dies in the table's write
     if (child == 0)
