@@ -3,16 +3,7 @@
 #include <cmath>
 
 #include "AKUDoa/akudoacordinate_p.h"
-
-namespace {
-
-struct Map {
-    mat2d_fp32* m;
-    Map(int r, int c) : m(create_mat2d_fp32(r, c)) {}
-    ~Map() { destroy_mat2d_fp32(m); }
-};
-
-} // namespace
+#include "support/akudoagrid.h"
 
 // Tables of the affine rule (offsets in raw cells times the section factor,
 // slopes per output cell; row from (m0, m1, m2), column from (m3, m4, m5))
@@ -21,10 +12,10 @@ struct Map {
 TEST(Cordinate, AffineTableAndResampling)
 {
     const int rows = 6, cols = 5;
-    Map raw(rows, cols), out(rows, cols);
+    AkuMat raw = akumat(rows, cols), out = akumat(rows, cols);
     for (int i = 0; i < rows; ++i)
         for (int j = 0; j < cols; ++j)
-            raw.m->data[i][j] = 3.0f * i + 5.0f * j - 13.5f;
+            raw->data[i][j] = 3.0f * i + 5.0f * j - 13.5f;
     const struct { CordinateMat m; float factor; double u0, ui, uj, v0, vi, vj; } cases[] = {
         {{0, 0, 1, 0, 1, 0}, 10, 0, 1, 0, 0, 0, 1},                    // identity
         {{4, 0.25f, 0.5f, 2, 0.75f, 0}, 4, 1, 0.5, 0.25, 0.5, 0, 0.75}, // u = 1 + i/2 + j/4, v = 1/2 + 3j/4
@@ -33,24 +24,24 @@ TEST(Cordinate, AffineTableAndResampling)
     for (const auto& c : cases) {
         std::vector<float> table(rows * cols * 2);
         akudoa_cordinate_generate(c.m, c.factor, rows, cols, table.data());
-        akudoa_cordinate_resample(table.data(), raw.m, out.m);
+        akudoa_cordinate_resample(table.data(), raw.get(), out.get());
         for (int i = 0; i < rows; ++i)
             for (int j = 0; j < cols; ++j) {
                 const double u = c.u0 + c.ui * i + c.uj * j, v = c.v0 + c.vi * i + c.vj * j;
                 ASSERT_NEAR(table[2 * (i * cols + j)], u, 1e-5) << c.factor << " " << i << "," << j;
                 ASSERT_NEAR(table[2 * (i * cols + j) + 1], v, 1e-5) << c.factor << " " << i << "," << j;
                 // Both before the first cell: the corner scaled twice; inside: exact on the linear map.
-                const double want = u < 0 ? (1 + u) * (1 + v) * raw.m->data[0][0] : 3.0 * u + 5.0 * v - 13.5;
-                EXPECT_NEAR(out.m->data[i][j], want, 1e-4 * (1 + std::fabs(want))) << c.factor << " " << i << "," << j;
+                const double want = u < 0 ? (1 + u) * (1 + v) * raw->data[0][0] : 3.0 * u + 5.0 * v - 13.5;
+                EXPECT_NEAR(out->data[i][j], want, 1e-4 * (1 + std::fabs(want))) << c.factor << " " << i << "," << j;
             }
     }
     // Half a row beyond the last row.
     std::vector<float> beyond(rows * cols * 2);
     for (int j = 0; j < cols; ++j)
         beyond[2 * j] = rows - 0.5f, beyond[2 * j + 1] = float(j);
-    akudoa_cordinate_resample(beyond.data(), raw.m, out.m);
+    akudoa_cordinate_resample(beyond.data(), raw.get(), out.get());
     for (int j = 0; j < cols; ++j)
-        EXPECT_FLOAT_EQ(out.m->data[0][j], 1.5f * raw.m->data[rows - 1][j]);
+        EXPECT_FLOAT_EQ(out->data[0][j], 1.5f * raw->data[rows - 1][j]);
 }
 
 // Points: row from x, column from y, halves rounded away from zero, value kept.

@@ -5,9 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -26,11 +24,6 @@ public:
 
 namespace {
 
-struct MatDeleter {
-    void operator()(mat2d_fp32* m) const { destroy_mat2d_fp32(m); }
-};
-using MatPtr = std::unique_ptr<mat2d_fp32, MatDeleter>;
-
 // A quarter of the default image keeps the 128-microphone steering table at
 // 100 MB. Its pixels are fine enough that the half pixel between the axis and
 // the pixel beside it costs little depth; a 21 x 21 measurement grid reaches
@@ -45,7 +38,7 @@ constexpr int kN = 1024;
 const int kPixels[2][2] = {{kRows / 2, kCols / 2}, {7, 18}};
 
 struct Frame {
-    MatPtr data;
+    AkuMat data;
     double distance;
     bool axis;
 };
@@ -65,7 +58,7 @@ Frame sourceFrame(double distance, bool axis, uint32_t seed)
     s.x *= scale;
     s.y *= scale;
     s.z *= scale;
-    MatPtr f(akusim_frame(akusim_array_from_cfg(cfg), {s}, kFs, kN));
+    AkuMat f(akusim_frame(akusim_array_from_cfg(cfg), {s}, kFs, kN));
     std::mt19937 rng(seed);
     for (int m = 0; m < f->rows; ++m) {
         double power = 0.0;
@@ -92,7 +85,7 @@ protected:
 
     static float measureAt(AKUDoaKernel& k, const Frame& f, int x, int y)
     {
-        MatPtr heat(create_mat2d_fp32(kRows, kCols));
+        AkuMat heat = akumat(kRows, kCols);
         float distance = -1.0f;
         EXPECT_TRUE(k.readHeatMap(f.data.get(), heat.get(), fpoint2d{0.0f, x, y}, distance, nullptr, 0));
         return distance;
@@ -101,7 +94,7 @@ protected:
     // Distance at the heat map's peak pixel, as a user points at the source.
     static float measure(AKUDoaKernel& k, const Frame& f)
     {
-        MatPtr heat(create_mat2d_fp32(kRows, kCols));
+        AkuMat heat = akumat(kRows, kCols);
         EXPECT_TRUE(k.readHeatMap(f.data.get(), heat.get(), nullptr, 0));
         int x, y;
         akugrid_argmax(heat.get(), x, y);
@@ -178,36 +171,6 @@ TEST(DistanceEdge, VecPowerSumsWholeGroupsOfFour)
     for (const Case& c : cases) {
         std::vector<float> a = c.a;
         EXPECT_EQ(dist.vec_power_fp32(a.data(), c.n), c.want) << "n " << c.n;
-    }
-}
-
-// Not a test: prints the accuracy table of the default 128-microphone layout
-// (docs/distance.md). Run with --gtest_also_run_disabled_tests
-// --gtest_filter='*AccuracyTable*'.
-TEST_F(DistanceKernel, DISABLED_AccuracyTable)
-{
-    const int seeds = 5;
-    std::printf("| distance (m) | on axis, averaging off | on axis, averaging on | off axis, averaging off "
-                "| off axis, averaging on |\n|---|---|---|---|---|\n");
-    AKUDoaKernel k[2];
-    init(k[0], 128, false, 1);
-    init(k[1], 128, true, 1);
-    for (int cm = 30; cm <= 250; cm += 10) {
-        std::printf("| %.1f |", cm / 100.0);
-        for (bool axis : {true, false}) {
-            double sum[2] = {0.0, 0.0}, worst[2] = {0.0, 0.0};
-            for (int s = 0; s < seeds; ++s) {
-                const Frame f = sourceFrame(cm / 100.0, axis, 100 + s);
-                for (int average = 0; average < 2; ++average) {
-                    const double e = std::fabs(measure(k[average], f) - f.distance);
-                    sum[average] += e;
-                    worst[average] = std::max(worst[average], e);
-                }
-            }
-            for (int average = 0; average < 2; ++average)
-                std::printf(" %.1f / %.1f |", 100.0 * sum[average] / seeds, 100.0 * worst[average]);
-        }
-        std::printf("\n");
     }
 }
 

@@ -1,13 +1,9 @@
 // Extended wide view: bins and image size, its own flags, wide-angle
-// sources at their pixels, the cache pair, and the kernel readout.
+// sources at their pixels, and the kernel readout.
 #include <gtest/gtest.h>
 #include <omp.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cmath>
-#include <fstream>
-#include <iterator>
 
 #include "AKUDoa/akudoaextra.h"
 #include "AKUDoa/akudoaextra_p.h"
@@ -20,7 +16,6 @@ namespace {
 // The extended view of a camera: half its rows and columns.
 struct Wide : AkuImager<AKUDoaExtra> {
     explicit Wide(const StCamCfg& c) : AkuImager(c, 20000, 40000, 2) {}
-    std::vector<uint8_t> table() const { return akugrid_table_bytes(engine.privateData()->core); }
 };
 class ExtraTest : public kerneltest::CacheTest {};
 
@@ -59,9 +54,7 @@ TEST_F(ExtraTest, FixedBinsHalfSizeImageAndOwnFlags)
     EXPECT_EQ(std::make_pair(d.steerQuant->rows, d.steerQuant->cols), std::make_pair(257, 2 * 16 * 32 * 24));
     AkuSimSource all; // every bin
     all.x = 0.2, all.lowHz = 0.0, all.highHz = 48000.0;
-    AkuMat noise = akugrid_frame(w.cfg, {all}), heat = akumat(33, 25), lone = akumat(16, 1024);
-    for (int r = 0; r < 33; ++r)
-        std::fill(heat->data[r], heat->data[r] + 25, -1.0f);
+    AkuMat noise = akugrid_frame(w.cfg, {all}), heat = akumat(33, 25, -1.0f), lone = akumat(16, 1024);
     w.bands.updateBands({});
     w.engine.executeDOA(noise.get(), w.bands, heat.get());
     for (int r = 0; r < 33; ++r)
@@ -122,26 +115,6 @@ TEST_F(ExtraTest, WideAngleSourcesAppearAtTheirPixel)
             }
         }
     }
-}
-
-// The cache pair: both files under their names, rows and scales byte for
-// byte; doaInit always builds; a table of the right size that is not the
-// one saved, or a short file, is rejected and the table kept.
-TEST_F(ExtraTest, CachePairRoundTripsAndShortFilesAreRejected)
-{
-    Wide a(wideCfg(16, 16, 12));
-    ASSERT_TRUE(a.engine.saveQuantizeParam());
-    const std::string table = cache_ + "ExtraQuantizeParam_v3_16_6_16_43_1.3_257.data", scale = cache_ + "ExtraQuantizeScaleParam_v3_16_6_16_43_1.3_257.data";
-    std::vector<uint8_t> disk = akugrid_file_bytes(table), s = akugrid_file_bytes(scale);
-    disk.insert(disk.end(), s.begin(), s.end());
-    EXPECT_EQ(disk, a.table());
-    ASSERT_EQ(::truncate(table.c_str(), 0) + ::truncate(table.c_str(), 257L * 2 * 16 * 8 * 6), 0); // zeros of the right size
-    Wide b(a.cfg);
-    EXPECT_EQ(b.table(), a.table());
-    EXPECT_FALSE(b.engine.loadQuantizeParam());
-    EXPECT_EQ(b.table(), a.table());
-    ASSERT_EQ(::truncate(scale.c_str(), 10), 0);
-    EXPECT_FALSE(b.engine.loadQuantizeParam());
 }
 
 // Through the kernel: the capture rows scattered through micIndex, the

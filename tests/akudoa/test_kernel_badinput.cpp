@@ -26,22 +26,14 @@ const char* kCamera = "[AudioRecordingParam]\nchannel_num = 16\nframe_size = 256
                       "rx1 = 0\nrx2 = 0\nrx3 = 1\nry1 = 0\nry2 = 1\nry3 = 0\ndistanceMeasure_en = true\n"
                       "[DOA]\nextra_en = true\n";
 
-struct Mat { // owned, filled with v
-    mat2d_fp32* m;
-    Mat(int r, int c, float v = 0.0f) : m(create_mat2d_fp32(r, c)) { for (int i = 0; i < r; ++i) std::fill(m->data[i], m->data[i] + c, v); }
-    explicit Mat(mat2d_fp32* p) : m(p) {}
-    ~Mat() { destroy_mat2d_fp32(m); }
-    std::vector<float> flat() const { std::vector<float> v; for (int i = 0; i < m->rows; ++i) v.insert(v.end(), m->data[i], m->data[i] + m->cols); return v; }
-};
-
 bool allFinite(const std::vector<float>& v) { return std::all_of(v.begin(), v.end(), [](float x) { return std::isfinite(x); }); }
 
 // Capture frame of a plane wave that the engine shows at unrotated (5, 4).
 mat2d_fp32* sourceFrame(const StCamCfg& cfg)
 {
-    Mat arrayFrame(akusim_frame(akusim_array_from_cfg(cfg), {akugrid_far_source(cfg, 5, 4, 7)},
+    AkuMat arrayFrame(akusim_frame(akusim_array_from_cfg(cfg), {akugrid_far_source(cfg, 5, 4, 7)},
                                 cfg.sampleFrequency, cfg.frameSize));
-    return akugrid_capture_frame(cfg, arrayFrame.m);
+    return akugrid_capture_frame(cfg, arrayFrame.get());
 }
 
 } // namespace
@@ -59,20 +51,20 @@ TEST_F(KernelTest, BadFramesBuffersAndTargets)
                             {"small map", 128, 256, 7, 6, 256, true, false},
                             {"short audio", 128, 256, 16, 12, 255, false, true}};
     for (const Shape& s : shapes) {
-        Mat frame(s.frameRows, s.frameCols, 1.0f), map(s.mapRows, s.mapCols, -7.0f);
+        AkuMat frame = akumat(s.frameRows, s.frameCols, 1.0f), map = akumat(s.mapRows, s.mapCols, -7.0f);
         vec_fp32* audio = create_vec_fp32(s.audio);
         std::fill(audio->data, audio->data + s.audio, -7.0f);
         float dist = -7.0f, power = -7.0f;
         int lo = -7, hi = -7;
         const fpoint2d t{0.0f, 3, 3};
-        EXPECT_EQ(k.readHeatMap(frame.m, map.m, nullptr, 0), !s.mapsRefused) << s.name;
-        EXPECT_EQ(k.readHeatMap(frame.m, map.m, t, dist, nullptr, 0), !s.mapsRefused) << s.name;
-        EXPECT_EQ(k.readHeatMap(frame.m, map.m, t, lo, hi, power, nullptr, 0), !s.mapsRefused) << s.name;
-        EXPECT_EQ(k.readHeatMapExtra(frame.m, map.m), !s.mapsRefused) << s.name;
-        EXPECT_EQ(k.readPickedUpAudio(frame.m, audio, t), !s.audioRefused) << s.name;
-        EXPECT_EQ(k.readPickedUpAudioAtCell(frame.m, audio, t), !s.audioRefused) << s.name;
+        EXPECT_EQ(k.readHeatMap(frame.get(), map.get(), nullptr, 0), !s.mapsRefused) << s.name;
+        EXPECT_EQ(k.readHeatMap(frame.get(), map.get(), t, dist, nullptr, 0), !s.mapsRefused) << s.name;
+        EXPECT_EQ(k.readHeatMap(frame.get(), map.get(), t, lo, hi, power, nullptr, 0), !s.mapsRefused) << s.name;
+        EXPECT_EQ(k.readHeatMapExtra(frame.get(), map.get()), !s.mapsRefused) << s.name;
+        EXPECT_EQ(k.readPickedUpAudio(frame.get(), audio, t), !s.audioRefused) << s.name;
+        EXPECT_EQ(k.readPickedUpAudioAtCell(frame.get(), audio, t), !s.audioRefused) << s.name;
         if (s.mapsRefused) {
-            EXPECT_EQ(map.flat(), std::vector<float>(s.mapRows * s.mapCols, -7.0f)) << s.name;
+            EXPECT_EQ(akugrid_flat(map.get()), std::vector<float>(s.mapRows * s.mapCols, -7.0f)) << s.name;
             EXPECT_TRUE(dist == -7.0f && power == -7.0f && lo == -7 && hi == -7) << s.name;
         }
         if (s.audioRefused) {
@@ -83,7 +75,7 @@ TEST_F(KernelTest, BadFramesBuffersAndTargets)
 
     // Targets far outside the grid, as given and through the largest
     // accepted correction coefficients.
-    Mat frame(sourceFrame(*k.camConfig())), map(16, 12);
+    AkuMat frame(sourceFrame(*k.camConfig())), map = akumat(16, 12);
     vec_fp32* audio = create_vec_fp32(256);
     for (float coefficient : {1.0f, 1e4f}) {
         k.updateCordinateMat({coefficient, coefficient, coefficient, coefficient, coefficient, coefficient});
@@ -91,11 +83,11 @@ TEST_F(KernelTest, BadFramesBuffersAndTargets)
                                  fpoint2d{0.0f, INT_MAX, INT_MIN}, fpoint2d{0.0f, -1, 12}}) {
             float dist = 0.0f, power = 0.0f;
             int lo = 0, hi = 0;
-            EXPECT_TRUE(k.readHeatMap(frame.m, map.m, t, dist, nullptr, 0));
-            EXPECT_TRUE(k.readHeatMap(frame.m, map.m, t, lo, hi, power, nullptr, 0));
+            EXPECT_TRUE(k.readHeatMap(frame.get(), map.get(), t, dist, nullptr, 0));
+            EXPECT_TRUE(k.readHeatMap(frame.get(), map.get(), t, lo, hi, power, nullptr, 0));
             EXPECT_TRUE(std::isfinite(dist) && std::isfinite(power) && std::isfinite(k.getPaWithTarget(t).val));
-            EXPECT_TRUE(k.readPickedUpAudio(frame.m, audio, t));
-            EXPECT_FALSE(k.readPickedUpAudioAtCell(frame.m, audio, t));
+            EXPECT_TRUE(k.readPickedUpAudio(frame.get(), audio, t));
+            EXPECT_FALSE(k.readPickedUpAudioAtCell(frame.get(), audio, t));
             EXPECT_TRUE(allFinite(std::vector<float>(audio->data, audio->data + 256)));
         }
     }
@@ -116,9 +108,9 @@ TEST_F(KernelTest, NonFiniteSamplesMuteTheirChannel)
             AKUDoaKernel k; // the same history for both frames
             ASSERT_TRUE(k.init(cfgPath.c_str()));
             const StCamCfg& cfg = *k.camConfig();
-            Mat clean(sourceFrame(cfg)), frame(sourceFrame(cfg)), m(16, 12);
+            AkuMat clean(sourceFrame(cfg)), frame(sourceFrame(cfg)), m = akumat(16, 12);
             for (const auto& [position, value] : bad) {
-                float* row = frame.m->data[cfg.micIndex[position]];
+                float* row = frame->data[cfg.micIndex[position]];
                 if (zeroed)
                     std::fill(row, row + 256, 0.0f);
                 else
@@ -126,15 +118,15 @@ TEST_F(KernelTest, NonFiniteSamplesMuteTheirChannel)
             }
             int lo = 0, hi = 0;
             power[zeroed] = {0.0f};
-            ASSERT_TRUE(k.readHeatMap(frame.m, m.m, fpoint2d{0.0f, 5, 4}, lo, hi, power[zeroed][0], nullptr, 0));
-            map[zeroed] = m.flat();
+            ASSERT_TRUE(k.readHeatMap(frame.get(), m.get(), fpoint2d{0.0f, 5, 4}, lo, hi, power[zeroed][0], nullptr, 0));
+            map[zeroed] = akugrid_flat(m.get());
             vec_fp32* a = create_vec_fp32(256);
-            ASSERT_TRUE(k.readPickedUpAudio(frame.m, a, fpoint2d{0.0f, 5, 4}));
-            ASSERT_TRUE(k.readPickedUpAudio(clean.m, a, fpoint2d{0.0f, 5, 4}));
+            ASSERT_TRUE(k.readPickedUpAudio(frame.get(), a, fpoint2d{0.0f, 5, 4}));
+            ASSERT_TRUE(k.readPickedUpAudio(clean.get(), a, fpoint2d{0.0f, 5, 4}));
             audio[zeroed].assign(a->data, a->data + 256);
             destroy_vec_fp32(a);
             int r = -1, c = -1, er = -2, ec = -2;
-            akugrid_argmax(m.m, r, c);
+            akugrid_argmax(m.get(), r, c);
             akugrid_rotated(1, 16, 12, 5, 4, er, ec);
             EXPECT_EQ(r * 100 + c, er * 100 + ec);
         }
@@ -152,10 +144,10 @@ TEST_F(KernelTest, SettersRefuseBadValues)
 {
     AKUDoaKernel k;
     ASSERT_TRUE(k.init(ini(kCamera).c_str()));
-    Mat frame(sourceFrame(*k.camConfig())), map(16, 12);
+    AkuMat frame(sourceFrame(*k.camConfig())), map = akumat(16, 12);
     vec_fp32* audio = create_vec_fp32(256);
-    ASSERT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
-    const std::vector<float> before = map.flat();
+    ASSERT_TRUE(k.readHeatMap(frame.get(), map.get(), nullptr, 0));
+    const std::vector<float> before = akugrid_flat(map.get());
     const float focus = k.getFocusDis();
     const CordinateMat m0 = k.cordinateMat();
     const std::vector<std::function<void()>> calls = {
@@ -175,9 +167,9 @@ TEST_F(KernelTest, SettersRefuseBadValues)
         EXPECT_EQ(k.getFocusDis(), focus) << i;
         const CordinateMat m = k.cordinateMat();
         EXPECT_EQ(std::memcmp(&m, &m0, sizeof(m)), 0) << i;
-        ASSERT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
-        EXPECT_EQ(map.flat(), before) << i;
-        ASSERT_TRUE(k.readPickedUpAudio(frame.m, audio, fpoint2d{0.0f, 5, 4}));
+        ASSERT_TRUE(k.readHeatMap(frame.get(), map.get(), nullptr, 0));
+        EXPECT_EQ(akugrid_flat(map.get()), before) << i;
+        ASSERT_TRUE(k.readPickedUpAudio(frame.get(), audio, fpoint2d{0.0f, 5, 4}));
         EXPECT_TRUE(allFinite(std::vector<float>(audio->data, audio->data + 256))) << i;
     }
     destroy_vec_fp32(audio);
@@ -189,7 +181,7 @@ TEST_F(KernelTest, ConcurrencyProgramFocusAndCellPickupAgainstFrames)
 {
     AKUDoaKernel k;
     ASSERT_TRUE(k.init(ini(std::string(kCamera) + "[QuantizeiParam]\nreadFromFile = 0\nautoSave = 0\n").c_str()));
-    Mat frame(sourceFrame(*k.camConfig()));
+    AkuMat frame(sourceFrame(*k.camConfig()));
     std::atomic<bool> done{false};
     std::thread control([&] {
         for (int i = 0; i < 4; ++i) {
@@ -202,12 +194,12 @@ TEST_F(KernelTest, ConcurrencyProgramFocusAndCellPickupAgainstFrames)
         done = true;
     });
     int frames = 0;
-    Mat map(16, 12);
+    AkuMat map = akumat(16, 12);
     vec_fp32* audio = create_vec_fp32(256);
     while (!done || frames < 3) {
-        EXPECT_TRUE(k.readHeatMap(frame.m, map.m, nullptr, 0));
-        EXPECT_TRUE(k.readPickedUpAudioAtCell(frame.m, audio, fpoint2d{0.0f, frames % 16, 3}));
-        EXPECT_TRUE(allFinite(map.flat()) && std::isfinite(k.getPaWithTarget(fpoint2d{0.0f, 5, 4}).val));
+        EXPECT_TRUE(k.readHeatMap(frame.get(), map.get(), nullptr, 0));
+        EXPECT_TRUE(k.readPickedUpAudioAtCell(frame.get(), audio, fpoint2d{0.0f, frames % 16, 3}));
+        EXPECT_TRUE(allFinite(akugrid_flat(map.get())) && std::isfinite(k.getPaWithTarget(fpoint2d{0.0f, 5, 4}).val));
         ++frames;
     }
     control.join();

@@ -1,6 +1,7 @@
 #ifndef AKUDOA_TESTS_SUPPORT_AKUDOAGRID_H
 #define AKUDOA_TESTS_SUPPORT_AKUDOAGRID_H
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,7 +19,13 @@ struct AkuMatFree {
     void operator()(mat2d_fp32* m) const { destroy_mat2d_fp32(m); }
 };
 using AkuMat = std::unique_ptr<mat2d_fp32, AkuMatFree>;
-inline AkuMat akumat(int rows, int cols) { return AkuMat(create_mat2d_fp32(rows, cols)); }
+inline AkuMat akumat(int rows, int cols, float fill = 0.0f)
+{
+    AkuMat m(create_mat2d_fp32(rows, cols));
+    for (int r = 0; r < rows; ++r)
+        std::fill(m->data[r], m->data[r] + cols, fill);
+    return m;
+}
 
 // Camera record for engine tests: 96 kHz, the given image and frame size,
 // 43 degree angle domain, thetaXY factor 1.3, section factor 10, focus 1 m,
@@ -84,9 +91,7 @@ struct AkuImager {
     }
     std::vector<float> image(mat2d_fp32* frame, float fill = 0.0f)
     {
-        AkuMat heat = akumat(rows, cols);
-        for (int r = 0; r < rows; ++r)
-            std::fill(heat->data[r], heat->data[r] + cols, fill);
+        AkuMat heat = akumat(rows, cols, fill);
         engine.executeDOA(frame, bands, heat.get());
         return akugrid_flat(heat.get());
     }
