@@ -106,6 +106,7 @@ TEST_F(CacheTest, DamagedPairIsRejectedAndRebuilt)
         // what, file (0 table, 1 sidecar, 2 scale), new content (null: removed), checksum fixed, log
         {"garbage table", 0, [](Bytes b) { return Bytes(b.rbegin(), b.rend()); }, false, "table file checksum"},
         {"zero table", 0, [](Bytes b) { return Bytes(b.size(), '\0'); }, false, "table file checksum"},
+        {"longer table", 0, [](Bytes b) { return b + "tail"; }, false, "table file has the wrong size"},
         {"huge scales", 2, [](Bytes b) { return Bytes(b.size(), '\x7f'); }, false, "scale file checksum"},
         {"zero scales", 2, [](Bytes b) { return Bytes(b.size(), '\0'); }, true, "non-positive scale"},
         {"NaN scales", 2, [](Bytes b) { return Bytes(b.size(), '\xff'); }, true, "non-finite"},
