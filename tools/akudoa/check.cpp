@@ -56,12 +56,6 @@ const char* const kCheckHelp =
 
 namespace {
 
-struct Mat2dDeleter {
-    void operator()(mat2d_fp32* m) const { destroy_mat2d_fp32(m); }
-};
-struct VecDeleter {
-    void operator()(vec_fp32* v) const { destroy_vec_fp32(v); }
-};
 using Mat = std::unique_ptr<mat2d_fp32, Mat2dDeleter>;
 
 const double kSpeedOfSound = 340.0; // m/s, as the imaging engines assume

@@ -9,7 +9,17 @@
 #include <string>
 #include <vector>
 
+#include "AKUDoa/base/akudoamatrix.h"
+
 namespace akutool {
+
+// Owners for the library's containers (std::unique_ptr deleters).
+struct Mat2dDeleter {
+    void operator()(mat2d_fp32* m) const { destroy_mat2d_fp32(m); }
+};
+struct VecDeleter {
+    void operator()(vec_fp32* v) const { destroy_vec_fp32(v); }
+};
 
 // A failure the user can act on: the message names the file and the
 // problem. main() prints it after "akudoa: " and exits with status 1.

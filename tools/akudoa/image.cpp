@@ -56,12 +56,6 @@ const char* const kImageHelp =
 
 namespace {
 
-struct Mat2dDeleter {
-    void operator()(mat2d_fp32* m) const { destroy_mat2d_fp32(m); }
-};
-struct VecDeleter {
-    void operator()(vec_fp32* v) const { destroy_vec_fp32(v); }
-};
 
 std::string frameName(long index)
 {

@@ -35,12 +35,6 @@ const char* const kPickupHelp =
 
 namespace {
 
-struct Mat2dDeleter {
-    void operator()(mat2d_fp32* m) const { destroy_mat2d_fp32(m); }
-};
-struct VecDeleter {
-    void operator()(vec_fp32* v) const { destroy_vec_fp32(v); }
-};
 
 void parseCell(const std::string& text, int& row, int& col)
 {

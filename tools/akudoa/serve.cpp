@@ -58,12 +58,6 @@ constexpr size_t kQueueAudio = 32;   // per listener: audio blocks
 constexpr size_t kMaxBody = 1024;
 constexpr size_t kHeaderBytes = 56;
 
-struct Mat2dDeleter {
-    void operator()(mat2d_fp32* m) const { destroy_mat2d_fp32(m); }
-};
-struct VecDeleter {
-    void operator()(vec_fp32* v) const { destroy_vec_fp32(v); }
-};
 
 volatile std::sig_atomic_t g_stop = 0;
 void onStopSignal(int) { g_stop = 1; }
