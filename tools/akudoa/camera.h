@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "args.h"
 #include "geometry.h"
 
 class AKUDoaKernel;
@@ -17,6 +18,9 @@ namespace akutool {
 struct CameraOptions {
     std::string cacheDir; // non-empty: steering-table cache (AKUDOA_CACHE_DIR)
     bool verbose = false; // library log lines on standard error
+
+    // --cache DIR and --verbose, as every command takes them.
+    static CameraOptions fromArgs(const Args& args) { return {args.get("cache"), args.has("verbose")}; }
 };
 
 class Camera {

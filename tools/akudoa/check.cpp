@@ -214,13 +214,9 @@ int runCheck(const std::vector<std::string>& argv)
     if (inPath == "-")
         throw UsageError("check reads a recording file, not standard input");
     std::unique_ptr<FrameSource> src = openRecordingFile(inPath);
-    if (!isReadableFile(configPath))
-        throw ToolError("cannot read " + configPath + ": no such readable file");
+    requireReadableConfig(configPath);
 
-    CameraOptions copt;
-    copt.cacheDir = args.get("cache");
-    copt.verbose = args.has("verbose");
-    Camera cam(configPath, copt);
+    Camera cam(configPath, CameraOptions::fromArgs(args));
     AKUDoaKernel& k = cam.kernel();
     const ArrayLayout lay = cam.layout();
     const int frameSize = k.audioRecoverLength(), rate = k.samlpeRate();

@@ -216,4 +216,10 @@ long parseLong(const std::string& text, const std::string& what)
     return v;
 }
 
+void requireReadableConfig(const std::string& path)
+{
+    if (!isReadableFile(path))
+        throw ToolError("cannot read " + path + ": no such readable file");
+}
+
 } // namespace akutool

@@ -85,6 +85,8 @@ private:
 
 void makeDirs(const std::string& path);
 bool isReadableFile(const std::string& path);
+// Throws ToolError naming the configuration file when it cannot be read.
+void requireReadableConfig(const std::string& path);
 std::string joinPath(const std::string& dir, const std::string& name);
 std::string dirName(const std::string& path);
 

@@ -137,15 +137,11 @@ int runImage(const std::vector<std::string>& argv)
         photo = readPng(args.get("background"));
         ropt.background = &photo;
     }
-    if (!isReadableFile(configPath))
-        throw ToolError("cannot read " + configPath + ": no such readable file");
+    requireReadableConfig(configPath);
 
     std::fprintf(stderr, "akudoa: setting up %s (steering tables are built or loaded from the cache)\n",
                  configPath.c_str());
-    CameraOptions copt;
-    copt.cacheDir = args.get("cache");
-    copt.verbose = args.has("verbose");
-    Camera cam(configPath, copt);
+    Camera cam(configPath, CameraOptions::fromArgs(args));
     AKUDoaKernel& k = cam.kernel();
     const ArrayLayout lay = cam.layout();
     const int frameSize = k.audioRecoverLength();

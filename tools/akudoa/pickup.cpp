@@ -66,14 +66,10 @@ int runPickup(const std::vector<std::string>& argv)
     std::unique_ptr<FrameSource> src;
     if (!live)
         src = openRecordingFile(inPath);
-    if (!isReadableFile(configPath))
-        throw ToolError("cannot read " + configPath + ": no such readable file");
+    requireReadableConfig(configPath);
 
     std::fprintf(stderr, "akudoa: setting up %s\n", configPath.c_str());
-    CameraOptions copt;
-    copt.cacheDir = args.get("cache");
-    copt.verbose = args.has("verbose");
-    Camera cam(configPath, copt);
+    Camera cam(configPath, CameraOptions::fromArgs(args));
     AKUDoaKernel& k = cam.kernel();
     if (live)
         src = std::make_unique<RawStream>(0, rawFormat, k.channelsCount(), k.samlpeRate(), nullptr);

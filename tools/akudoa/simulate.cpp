@@ -90,10 +90,7 @@ int runSimulate(const std::vector<std::string>& argv)
 
     std::fprintf(stderr, "akudoa: setting up %s (steering tables are built or loaded from the cache)\n",
                  configPath.c_str());
-    CameraOptions copt;
-    copt.cacheDir = args.get("cache");
-    copt.verbose = args.has("verbose");
-    Camera cam(configPath, copt);
+    Camera cam(configPath, CameraOptions::fromArgs(args));
     const ArrayLayout layout = cam.layout();
     const ImageGeometry image = cam.image();
 
