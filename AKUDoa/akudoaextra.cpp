@@ -139,25 +139,10 @@ void AKUDoaExtra::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat2d_fp
         std::lock_guard<std::mutex> lock(d->windowMutex);
         std::copy(c.fftWindow->data, c.fftWindow->data + c.frameSize, d->frameWindow.begin());
     }
-    akudoa_planar_fft(*this, &c, frame, d->frameWindow.data(), d->freqAverage);
-
+    // The bins are five apart, so they and their halves are distinct and
+    // ascending.
     const std::vector<int> rows = akudoa_extra_rows(c.sampleRate, c.frameSize, c.binNum, d->freqAverage);
-    const int count = static_cast<int>(rows.size());
-    const bool radius = c.focusRadiusMode;
-    const bool self = c.spectrumSelf;
-    std::fill(c.heatSum->data, c.heatSum->data + c.heatSum->n, 0.0f);
-
-    // Every entry has its own table row (the bins are five apart, so their
-    // halves differ too).
-#pragma omp parallel for schedule(dynamic, 1)
-    for (int e = 0; e < count; ++e)
-        akudoa_planar_row(*this, &c, rows[e], radius, self);
-    // Summed in ascending bin order: the image does not depend on the thread
-    // count.
-    for (int e = 0; e < count; ++e)
-        akudoa_planar_add_row(*this, &c, rows[e]);
-
-    akudoa_planar_finish(&c, self, heatMap);
+    akudoa_planar_frame(*this, &c, frame, d->frameWindow.data(), d->freqAverage, rows, false, heatMap);
 }
 
 void AKUDoaExtra::powerSpec(vec_fp32* spectrum, int channel)

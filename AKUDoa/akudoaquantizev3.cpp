@@ -20,6 +20,9 @@
 
 namespace {
 
+// Pixels per share of the image accumulation: 16 cache lines of floats.
+constexpr int kPixelChunk = 256;
+
 constexpr float kSoundSpeed = 340.0f; // m/s
 constexpr double kPi = 3.14159265358979323846;
 
@@ -424,47 +427,120 @@ bool AKUDoaQuantizeV3::createQuantizeFocusDisParam()
     return saveQuantizeParam();
 }
 
-void AKUDoaQuantizeV3::executeFFT(mat2d_fp32* frame)
+void akudoa_planar_frame(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* win,
+                         bool average, const std::vector<int>& rows, bool regression, mat2d_fp32* heatMap)
 {
-    akudoa_planar_fft(*this, d, frame, d->fftWindow->data, d->cfg->freqAverage);
-}
-
-void akudoa_planar_fft(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* win,
-                       bool average)
-{
-    const int M = d->micNum;
-    const int N = d->frameSize;
+    const int NR = d->imageRows;
+    const int NC = d->imageCols;
+    const int P = NR * NC;
     const int B = d->binNum;
-    const int channels = std::min(frame->rows, M);
-    const int samples = std::min(frame->cols, N);
-#pragma omp parallel for schedule(dynamic, 1)
-    for (int ch = 0; ch < channels; ++ch) {
-        const float* in = frame->data[ch];
-        float* t = d->timeBuf->data[ch];
-        for (int i = 0; i < samples; ++i)
-            t[i] = in[i] * win[i];
-        fftwf_execute(d->fftPlans[ch]);
-    }
-    for (int b = 0; b < B; ++b) {
-        float* row = d->fftData->data[b];
-        for (int m = 0; m < M; ++m) {
-            const float* x = reinterpret_cast<const float*>(d->specBuf->data[m]);
-            float re, im;
-            if (average) {
-                re = x[2 * (2 * b)] + x[2 * (2 * b + 1)];
-                im = x[2 * (2 * b) + 1] + x[2 * (2 * b + 1) + 1];
-            } else {
-                re = x[2 * b];
-                im = x[2 * b + 1];
+    const int M = d->micNum;
+    const bool radius = d->focusRadiusMode;
+    const bool self = d->spectrumSelf;
+    const int count = static_cast<int>(rows.size());
+    std::vector<char> inBand(static_cast<size_t>(B), 0);
+    for (int b : rows)
+        inBand[static_cast<size_t>(b)] = 1;
+    float* heat = d->heatSum->data;
+
+    // One team for the whole frame. A band row's spectrum is quantized by the
+    // thread that streams its table row, so the first table rows start right
+    // after the channel FFTs; the rows outside the band (kept for the
+    // readouts) fill in behind.
+#pragma omp parallel
+    {
+#pragma omp for schedule(dynamic, 1)
+        for (int ch = 0; ch < M; ++ch)
+            akudoa_planar_window_fft(d, frame, win, ch);
+#pragma omp for schedule(dynamic, 1) nowait
+        for (int e = 0; e < count; ++e) {
+            const int b = rows[static_cast<size_t>(e)];
+            akudoa_planar_spectrum_row(d, b, average);
+            akudoa_planar_row(q, d, b, radius, self);
+            // Programs 53/54: the bin's image is re-rendered from its peaks.
+            if (regression)
+                AKUGaussianProcessRegression::predit_auto_process(d->beamPower->data[b], d->gprBins->data[b], NR,
+                                                                  NC, 1.5f, 4.0f, 0.025f, d->cfg->targetQuantize);
+        }
+#pragma omp for schedule(static)
+        for (int b = 0; b < B; ++b)
+            if (!inBand[static_cast<size_t>(b)])
+                akudoa_planar_spectrum_row(d, b, average);
+
+        // Each pixel sums its bins in band order, so the image does not
+        // depend on which thread finished which row; threads take disjoint
+        // pixel ranges.
+#pragma omp for schedule(static)
+        for (int p0 = 0; p0 < P; p0 += kPixelChunk) {
+            const int p1 = std::min(P, p0 + kPixelChunk);
+            std::fill(heat + p0, heat + p1, 0.0f);
+            for (int b : rows) {
+                if (regression) {
+                    const float* in = d->gprBins->data[b];
+                    for (int p = p0; p < p1; ++p)
+                        heat[p] += in[p];
+                } else {
+                    const float* in = d->beamPower->data[b];
+                    const float w = akudoa_planar_bin_gain(d, b);
+                    for (int p = p0; p < p1; ++p)
+                        heat[p] = std::fmaf(in[p], w, heat[p]);
+                }
             }
-            row[m] = re;
-            row[M + m] = -im;
-            row[2 * M + m] = im;
-            row[3 * M + m] = re;
         }
     }
-    q.quantizeScale(d->fftData, d->fftScale);
-    q.quantize(d->fftData, d->fftScale, d->fftQuant);
+
+    akudoa_planar_finish(d, self, heatMap);
+}
+
+void AKUDoaQuantizeV3::executeFFT(mat2d_fp32* frame)
+{
+    akudoa_planar_fft(d, frame, d->fftWindow->data, d->cfg->freqAverage);
+}
+
+void akudoa_planar_window_fft(AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* win, int ch)
+{
+    if (ch >= std::min(frame->rows, d->micNum))
+        return;
+    const int samples = std::min(frame->cols, d->frameSize);
+    const float* in = frame->data[ch];
+    float* t = d->timeBuf->data[ch];
+    for (int i = 0; i < samples; ++i)
+        t[i] = in[i] * win[i];
+    fftwf_execute(d->fftPlans[ch]);
+}
+
+void akudoa_planar_spectrum_row(AKUDoaQuantizeV3Private* d, int b, bool average)
+{
+    const int M = d->micNum;
+    float* row = d->fftData->data[b];
+    for (int m = 0; m < M; ++m) {
+        const float* x = reinterpret_cast<const float*>(d->specBuf->data[m]);
+        float re, im;
+        if (average) {
+            re = x[2 * (2 * b)] + x[2 * (2 * b + 1)];
+            im = x[2 * (2 * b) + 1] + x[2 * (2 * b + 1) + 1];
+        } else {
+            re = x[2 * b];
+            im = x[2 * b + 1];
+        }
+        row[m] = re;
+        row[M + m] = -im;
+        row[2 * M + m] = im;
+        row[3 * M + m] = re;
+    }
+    const int cols = d->fftData->cols;
+    d->fftScale->data[b] = akudoa_row_quant_scale(row, cols);
+    akudoa_row_quantize(row, cols, d->fftScale->data[b], reinterpret_cast<int8_t*>(d->fftQuant->data[b]));
+}
+
+void akudoa_planar_fft(AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* win, bool average)
+{
+#pragma omp parallel for schedule(dynamic, 1)
+    for (int ch = 0; ch < d->micNum; ++ch)
+        akudoa_planar_window_fft(d, frame, win, ch);
+#pragma omp parallel for schedule(static)
+    for (int b = 0; b < d->binNum; ++b)
+        akudoa_planar_spectrum_row(d, b, average);
 }
 
 void AKUDoaQuantizeV3::matRowDotInt8(mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec_fp32* factor, mat2d_fp32* out, int row)
@@ -568,10 +644,9 @@ void akudoa_planar_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b, bo
     akudoa_planar_norm_offset(d->beamComplex, d->beamPower, offset, b);
 }
 
-void akudoa_planar_add_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b)
+float akudoa_planar_bin_gain(const AKUDoaQuantizeV3Private* d, int b)
 {
-    const float w = b < AKUDOA_MAX_SENSITIVITY_BINS ? d->cfg->micSensitivity[b] : 1.0f;
-    q.ComplexAddWithScale(d->beamPower, d->heatSum, w, b);
+    return b < AKUDOA_MAX_SENSITIVITY_BINS ? d->cfg->micSensitivity[b] : 1.0f;
 }
 
 void akudoa_planar_finish(AKUDoaQuantizeV3Private* d, bool self, mat2d_fp32* heatMap)
@@ -620,57 +695,23 @@ void akudoa_planar_power_spec(AKUDoaQuantizeV3Private* d, vec_fp32* spectrum, in
 
 void AKUDoaQuantizeV3::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat2d_fp32* heatMap)
 {
-    executeFFT(frame);
     const std::vector<doaFreqInfo> L = bands.data();
-    const int NR = d->imageRows;
-    const int NC = d->imageCols;
-    const int P = NR * NC;
     const int B = d->binNum;
-    std::fill(d->heatSum->data, d->heatSum->data + P, 0.0f);
-
     const bool average = d->cfg->freqAverage;
     const bool regression = usesRegression(d->cfg);
     if (regression && !d->gprBins)
-        d->gprBins = create_mat2d_fp32(B, P);
-    const int stride = average ? 2 : 1;
-    const int count = (static_cast<int>(L.size()) + stride - 1) / stride;
-    const bool radius = d->focusRadiusMode;
-    const bool self = d->spectrumSelf;
-
-    // Each entry fills its own table row of beamComplex, beamPower (and
-    // gprBins); distinct entries have distinct rows.
-#pragma omp parallel for schedule(dynamic, 1)
-    for (int e = 0; e < count; ++e) {
-        const int k = e * stride;
-        const int b = average ? (L.at(k).bin >> 1) : L.at(k).bin;
-        if (b < 0 || b >= B)
-            continue; // a band edge one past the Nyquist bin has no table row
-        akudoa_planar_row(*this, d, b, radius, self);
-        // Programs 53/54: the bin's image is re-rendered from its peaks.
-        if (regression)
-            AKUGaussianProcessRegression::predit_auto_process(d->beamPower->data[b], d->gprBins->data[b], NR, NC,
-                                                              1.5f, 4.0f, 0.025f, d->cfg->targetQuantize);
+        d->gprBins = create_mat2d_fp32(B, d->imageRows * d->imageCols);
+    // Table rows of the band entries in band order; a band edge one past the
+    // Nyquist bin has no row. The bins are sorted and distinct, and so are
+    // their halves two entries apart.
+    const size_t stride = average ? 2 : 1;
+    std::vector<int> rows;
+    for (size_t k = 0; k < L.size(); k += stride) {
+        const int b = average ? (L[k].bin >> 1) : L[k].bin;
+        if (b >= 0 && b < B)
+            rows.push_back(b);
     }
-
-    // Sum in band order so that the image does not depend on which thread
-    // finished first.
-    mat1d_fp32 binImage;
-    binImage.rows = NR;
-    binImage.cols = NC;
-    for (int e = 0; e < count; ++e) {
-        const int k = e * stride;
-        const int b = average ? (L.at(k).bin >> 1) : L.at(k).bin;
-        if (b < 0 || b >= B)
-            continue;
-        if (regression) {
-            binImage.data = d->gprBins->data[b];
-            ComplexAdd(&binImage, d->heatSum);
-        } else {
-            akudoa_planar_add_row(*this, d, b);
-        }
-    }
-
-    akudoa_planar_finish(d, self, heatMap);
+    akudoa_planar_frame(*this, d, frame, d->fftWindow->data, average, rows, regression, heatMap);
 }
 
 void AKUDoaQuantizeV3::powerSpec(vec_fp32* spectrum, int channel)

@@ -79,10 +79,15 @@ float akudoa_pos_distance(float x1, float y1, float z1, float x2, float y2, floa
 // 2b - 1 and 2b with averaging.
 void akudoa_planar_build_steering(AKUDoaQuantizeV3Private* d, const std::vector<float>& dist, bool nearField,
                                   float k, bool average);
-// Windows and transforms every channel, builds fftData (re, -im, im, re per
-// channel; pairs of bins summed with averaging) and quantizes it.
-void akudoa_planar_fft(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* window,
-                       bool average);
+// Windows and transforms channel ch of the frame (nothing for a channel the
+// frame does not have).
+void akudoa_planar_window_fft(AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* win, int ch);
+// Row b of fftData (re, -im, im, re per channel; the pair of bins 2b, 2b+1
+// summed with averaging) from the transformed channels, its scale and its
+// quantized row.
+void akudoa_planar_spectrum_row(AKUDoaQuantizeV3Private* d, int b, bool average);
+// Every channel, then every row of fftData and its quantization.
+void akudoa_planar_fft(AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* win, bool average);
 // int8 beam sums of table row `row` (all pixels, or only the central square).
 void akudoa_planar_dot_row(AKUDoaQuantizeV3Private* d, mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec_fp32* factor,
                            mat2d_fp32* out, int row);
@@ -97,8 +102,13 @@ void akudoa_planar_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b, bo
 // that differ from the conjugate of pixel p's block by one unit, and by
 // more than one.
 void akudoa_planar_mirror_diff(const AKUDoaQuantizeV3Private* d, long& oneUnit, long& larger);
-// heatSum += beamPower[b] weighted by the bin's sensitivity gain.
-void akudoa_planar_add_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b);
+// Sensitivity gain of table row b (1 beyond the configured table).
+float akudoa_planar_bin_gain(const AKUDoaQuantizeV3Private* d, int b);
+// One frame: channel FFTs, spectra, the table rows `rows` (distinct, in
+// band order) into beamPower (and gprBins with `regression`), their sum in
+// that order into heatSum, then akudoa_planar_finish into heatMap.
+void akudoa_planar_frame(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* win,
+                         bool average, const std::vector<int>& rows, bool regression, mat2d_fp32* heatMap);
 // heatSum -> amplitude (scale by 1/((M-1)M), floor at 0 unless `self`,
 // square root, 1/N), copied into heatMap by cfg->rotateMode.
 void akudoa_planar_finish(AKUDoaQuantizeV3Private* d, bool self, mat2d_fp32* heatMap);

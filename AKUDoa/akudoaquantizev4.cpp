@@ -24,6 +24,7 @@ namespace {
 constexpr double kPi = 3.14159265358979323846;
 constexpr float kSoundSpeed = 340.0f; // m/s
 constexpr int kTaps = 9;              // kernel taps per axis, centred on the nearest node
+constexpr int kPixelChunk = 256;      // pixels per share of the image accumulation
 
 bool usesRegression(const StCamCfg* cfg)
 {
@@ -363,53 +364,56 @@ void AKUDoaQuantizeV4::updateFFTWin(float* window, int length)
     std::memcpy(d->fftWindow->data, window, sizeof(float) * static_cast<size_t>(length));
 }
 
-void AKUDoaQuantizeV4::executeFFT(mat2d_fp32* frame)
+// Row b of binSpectra and fftMean from the transformed channels (the pair
+// of bins 2b, 2b + 1 summed with averaging).
+static void spectrumRow(AKUDoaQuantizeV4Private* d, int b, bool average)
 {
     const int M = d->micNum;
-    const int N = d->frameSize;
-    const int B = d->binNum;
-    const int channels = std::min(frame->rows, M);
-    const int samples = std::min(frame->cols, N);
+    float* row = d->fftMean->data[b];
+    akudoa_fftwf_complex* z = d->binSpectra->data[b];
+    for (int m = 0; m < M; ++m) {
+        const akudoa_fftwf_complex* X = d->micSpectra->data[m];
+        float re, im;
+        if (average) {
+            re = X[2 * b][0] + X[2 * b + 1][0];
+            im = X[2 * b][1] + X[2 * b + 1][1];
+        } else {
+            re = X[b][0];
+            im = X[b][1];
+        }
+        z[m][0] = re;
+        z[m][1] = im;
+        row[m] = re;
+        row[M + m] = -im;
+        row[2 * M + m] = im;
+        row[3 * M + m] = re;
+    }
+}
+
+// Windows and transforms channel m of the frame (nothing for a channel the
+// frame does not have).
+static void channelFFT(AKUDoaQuantizeV4Private* d, mat2d_fp32* frame, int m)
+{
+    if (m >= std::min(frame->rows, d->micNum))
+        return;
+    const int samples = std::min(frame->cols, d->frameSize);
+    const float* in = frame->data[m];
     const float* win = d->fftWindow->data;
+    float* t = d->windowed->data[m];
+    for (int i = 0; i < samples; ++i)
+        t[i] = in[i] * win[i];
+    fftwf_execute(d->micPlans[m]);
+}
+
+void AKUDoaQuantizeV4::executeFFT(mat2d_fp32* frame)
+{
     const bool average = d->cfg->freqAverage;
 #pragma omp parallel for schedule(dynamic, 1)
-    for (int m = 0; m < channels; ++m) {
-        const float* in = frame->data[m];
-        float* t = d->windowed->data[m];
-        for (int i = 0; i < samples; ++i)
-            t[i] = in[i] * win[i];
-        fftwf_execute(d->micPlans[m]);
-        const akudoa_fftwf_complex* X = d->micSpectra->data[m];
-        for (int b = 0; b < B; ++b) {
-            float* z = d->binSpectra->data[b][m];
-            if (average) {
-                z[0] = X[2 * b][0] + X[2 * b + 1][0];
-                z[1] = X[2 * b][1] + X[2 * b + 1][1];
-            } else {
-                z[0] = X[b][0];
-                z[1] = X[b][1];
-            }
-        }
-    }
-#pragma omp parallel for schedule(dynamic, 1)
-    for (int b = 0; b < B; ++b) {
-        float* row = d->fftMean->data[b];
-        for (int m = 0; m < M; ++m) {
-            const akudoa_fftwf_complex* X = d->micSpectra->data[m];
-            float re, im;
-            if (average) {
-                re = X[2 * b][0] + X[2 * b + 1][0];
-                im = X[2 * b][1] + X[2 * b + 1][1];
-            } else {
-                re = X[b][0];
-                im = X[b][1];
-            }
-            row[m] = re;
-            row[M + m] = -im;
-            row[2 * M + m] = im;
-            row[3 * M + m] = re;
-        }
-    }
+    for (int m = 0; m < d->micNum; ++m)
+        channelFFT(d, frame, m);
+#pragma omp parallel for schedule(static)
+    for (int b = 0; b < d->binNum; ++b)
+        spectrumRow(d, b, average);
 }
 
 // Readout offsets of one image size, computed once per frame: grid column
@@ -474,14 +478,25 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
         const float* kxm = kx + kTaps * m;
         const float* kym = ky + kTaps * m;
         if (i0 >= 0 && j0 >= 0 && i0 + kTaps <= G && j0 + kTaps <= G) {
+            // Four lanes hold two taps as (re, im, re, im); the weights are
+            // the taps' own, duplicated, so every product and sum is the
+            // scalar one.
+            float kx2[2 * kTaps];
+            for (int v = 0; v < kTaps; ++v)
+                kx2[2 * v] = kx2[2 * v + 1] = kxm[v];
+            const float valueLanes[4] = {re, im, re, im};
+            const float32x4_t value = vld1q_f32(valueLanes);
             for (int u = 0; u < kTaps; ++u) {
                 const float wy = a * kym[u];
-                akudoa_fftwf_complex* line = grid + static_cast<size_t>(j0 + u) * S + i0;
-                for (int v = 0; v < kTaps; ++v) {
-                    const float wt = wy * kxm[v];
-                    line[v][0] += re * wt;
-                    line[v][1] += im * wt;
+                const float32x4_t wyv = vdupq_n_f32(wy);
+                float* line = &grid[static_cast<size_t>(j0 + u) * S + i0][0];
+                for (int v = 0; v < 2 * (kTaps - 1); v += 4) {
+                    const float32x4_t wt = vmulq_f32(wyv, vld1q_f32(kx2 + v));
+                    vst1q_f32(line + v, vaddq_f32(vld1q_f32(line + v), vmulq_f32(value, wt)));
                 }
+                const float wt = wy * kxm[kTaps - 1];
+                line[2 * (kTaps - 1)] += re * wt;
+                line[2 * (kTaps - 1) + 1] += im * wt;
             }
         } else {
             for (int u = 0; u < kTaps; ++u) {
@@ -551,49 +566,79 @@ static void copyOriented(const float* h, mat2d_fp32* heatMap, int NR, int NC, in
 
 void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat2d_fp32* heatMap)
 {
-    executeFFT(frame);
     const std::vector<doaFreqInfo> L = bands.data();
     const int NR = d->rows;
     const int NC = d->cols;
     const int P = NR * NC;
     const int M = d->micNum;
     const int B = d->binNum;
-    std::fill(d->heatAcc->data, d->heatAcc->data + P, 0.0f);
     const AKUDoaV4Geometry g = akudoa_v4_geometry(NR, NC);
     const ReadoutTables tables(g, NR, NC);
 
+    // Rows of the band entries in band order; a band edge past the last
+    // table row has no bin. The bins are sorted and distinct, and so are
+    // their halves two entries apart.
     const bool average = d->cfg->freqAverage;
+    const bool regression = usesRegression(d->cfg);
     const int stride = average ? 2 : 1;
-    const int count = (static_cast<int>(L.size()) + stride - 1) / stride;
+    std::vector<int> rowsOf;
+    std::vector<char> inBand(static_cast<size_t>(B), 0);
+    for (int k = 0; k < static_cast<int>(L.size()); k += stride) {
+        const int b = entryRow(L, k, average);
+        if (b >= 0 && b < B) {
+            rowsOf.push_back(b);
+            inBand[static_cast<size_t>(b)] = 1;
+        }
+    }
+    const int count = static_cast<int>(rowsOf.size());
+    float* heat = d->heatAcc->data;
 
-    // Each entry fills its own row of gridIn, gridOut and binMaps.
-#pragma omp parallel for schedule(dynamic, 1)
-    for (int e = 0; e < count; ++e) {
-        const int b = entryRow(L, e * stride, average);
-        if (b < 0 || b >= B)
-            continue; // a band edge past the last table row has no bin
-        imageBin(this, d, g, tables, b);
+    // One team for the frame: a band bin's spectra are gathered by the thread
+    // that images it, right after the channel FFTs; the other bins' spectra
+    // (kept for the readouts) fill in behind. Each bin has its own row of
+    // gridIn, gridOut and binMaps.
+#pragma omp parallel
+    {
+#pragma omp for schedule(dynamic, 1)
+        for (int m = 0; m < M; ++m)
+            channelFFT(d, frame, m);
+#pragma omp for schedule(dynamic, 1) nowait
+        for (int e = 0; e < count; ++e) {
+            spectrumRow(d, rowsOf[static_cast<size_t>(e)], average);
+            imageBin(this, d, g, tables, rowsOf[static_cast<size_t>(e)]);
+        }
+#pragma omp for schedule(static)
+        for (int b = 0; b < B; ++b)
+            if (!inBand[static_cast<size_t>(b)])
+                spectrumRow(d, b, average);
+        // Each pixel sums its bins in band order, so the image does not
+        // depend on which thread imaged which bin.
+        if (!regression) {
+#pragma omp for schedule(static)
+            for (int p0 = 0; p0 < P; p0 += kPixelChunk) {
+                const int p1 = std::min(P, p0 + kPixelChunk);
+                std::fill(heat + p0, heat + p1, 0.0f);
+                for (int b : rowsOf) {
+                    const float* in = d->binMaps->data[b];
+                    const float w = sensitivity(d->cfg, b);
+                    for (int p = p0; p < p1; ++p)
+                        heat[p] = std::fmaf(in[p], w, heat[p]);
+                }
+            }
+        }
     }
 
-    // Sum in band order: the image does not depend on which worker finished
-    // first or on how many there are.
-    if (usesRegression(d->cfg)) {
+    if (regression) {
         // Programs 53/54: each bin's image re-rendered from its peaks. Every
         // worker of a batch writes its own slot of gprOut; the batch is then
         // added in band order. Sensitivity gains do not apply on this path.
+        std::fill(heat, heat + P, 0.0f);
         const int slots = d->gprSlots;
-        std::vector<int> rowsOf;
-        for (int e = 0; e < count; ++e) {
-            const int b = entryRow(L, e * stride, average);
-            if (b >= 0 && b < B)
-                rowsOf.push_back(b);
-        }
-        const int n = static_cast<int>(rowsOf.size());
         mat1d_fp32 slot;
         slot.rows = NR;
         slot.cols = NC;
-        for (int start = 0; start < n; start += slots) {
-            const int batch = std::min(slots, n - start);
+        for (int start = 0; start < count; start += slots) {
+            const int batch = std::min(slots, count - start);
 #pragma omp parallel for schedule(dynamic, 1)
             for (int s = 0; s < batch; ++s)
                 AKUGaussianProcessRegression::predit_auto_process(
@@ -603,13 +648,6 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
                 slot.data = d->gprOut->data + static_cast<size_t>(s) * P;
                 ComplexAdd(&slot, d->heatAcc);
             }
-        }
-    } else {
-        for (int e = 0; e < count; ++e) {
-            const int b = entryRow(L, e * stride, average);
-            if (b < 0 || b >= B)
-                continue;
-            ComplexAddWithScale(d->binMaps, d->heatAcc, sensitivity(d->cfg, b), b);
         }
     }
 

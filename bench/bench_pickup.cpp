@@ -154,4 +154,3 @@ BENCHMARK(BM_BaselineFrameCopy)->Unit(benchmark::kMicrosecond);
 
 } // namespace
 
-BENCHMARK_MAIN();

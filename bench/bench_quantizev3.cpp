@@ -31,6 +31,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -238,6 +239,35 @@ ChildInit childInit(const char* self, bool compact)
     return r;
 }
 
+// Console output as usual, and each run's counters kept by name for the
+// summary at the end.
+class SummaryReporter : public benchmark::ConsoleReporter {
+public:
+    std::map<std::string, benchmark::UserCounters> counters;
+    std::map<std::string, double> realMs;
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        for (const Run& r : runs) {
+            counters[r.benchmark_name()] = r.counters;
+            realMs[r.benchmark_name()] = r.GetAdjustedRealTime();
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+    // A counter of the first run whose name starts with `prefix` and ends
+    // with `suffix`; NaN when there is none.
+    double find(const std::string& prefix, const std::string& suffix, const std::string& counter) const
+    {
+        for (const auto& [name, c] : counters)
+            if (name.compare(0, prefix.size(), prefix) == 0 && name.size() >= suffix.size() &&
+                name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+                const auto it = c.find(counter);
+                if (it != c.end())
+                    return it->second.value;
+            }
+        return std::nan("");
+    }
+};
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -349,8 +379,25 @@ int main(int argc, char** argv)
                 mirrorOne, tableBytes / 2.0, mirrorWorse);
     std::fflush(stdout);
 
-    benchmark::RunSpecifiedBenchmarks();
+    SummaryReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
+
+    // The figures that decide whether a board keeps up, each against a
+    // baseline measured in this run (NaN where a benchmark was filtered out).
+    const std::string selected = "BM_ExecuteDOA/" + std::to_string(akudoa_dot8_paths().size() - 1) + "/";
+    std::printf("\nsummary (%d OpenMP threads, beam-sum path %s)\n", omp_get_max_threads(), akudoa_dot8_select().name);
+    std::printf("  full V3 frame / memory floor:            %.2f\n",
+                reporter.find(selected, "_median", "ratio_to_floor"));
+    std::printf("  compact V3 frame / full-table floor:     %.2f\n",
+                reporter.find("BM_ExecuteDOACompact", "_median", "ratio_to_floor"));
+    std::printf("  RSS after a cached init / full table:    full %.2f, compact %.2f (peak %.2f, %.2f)\n",
+                initFull.endKB * 1024.0 / tableBytes, initComp.endKB * 1024.0 / tableBytes,
+                initFull.peakKB * 1024.0 / tableBytes, initComp.peakKB * 1024.0 / tableBytes);
+    std::printf("  V4 frame / its 2-D FFT floor:            %.2f wall, %.2f CPU\n",
+                reporter.find("BM_V4Frame", "", "ratio"), reporter.find("BM_V4Frame", "", "cpu_ratio"));
+    std::printf("  doaInit from a warm cache:               full %.3f s, compact %.3f s\n", initFull.seconds,
+                initComp.seconds);
     destroy_mat2d_fp32(g.frame);
     destroy_mat2d_fp32(g.heat);
     delete g.engine;

@@ -189,4 +189,3 @@ BENCHMARK(BM_V4Memory)->Args({64, 48})->Args({640, 480})->Iterations(1)->Unit(be
 
 } // namespace
 
-BENCHMARK_MAIN();

@@ -2,6 +2,10 @@
 
 #include <fftw3.h>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
@@ -19,6 +23,32 @@ using FreeFn = void (*)(void*);
 // pointers (no synchronisation) suffice.
 AllocFn g_alloc = &std::malloc;
 FreeFn g_free = &std::free;
+
+// Zeroed element storage from the hook. With the system allocator this is
+// calloc, and the whole pages inside a large block are then handed back to
+// the kernel, which maps them to its zero page until they are written:
+// calloc clears recycled heap memory by writing it, and an engine keeps
+// per-bin buffers for every bin although a frame writes only its band's
+// rows. The contents stay zero either way; only untouched pages stop
+// counting as resident memory.
+void* allocZeroed(size_t bytes)
+{
+    if (g_alloc != &std::malloc) {
+        void* p = g_alloc(bytes);
+        if (p)
+            std::memset(p, 0, bytes);
+        return p;
+    }
+    void* p = std::calloc(1, bytes);
+    static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    if (p && bytes >= 4 * page) {
+        const uintptr_t begin = (reinterpret_cast<uintptr_t>(p) + page - 1) & ~(page - 1);
+        const uintptr_t end = (reinterpret_cast<uintptr_t>(p) + bytes) & ~(page - 1);
+        if (end > begin)
+            madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
+    }
+    return p;
+}
 
 template <typename T>
 T* allocHeader()
@@ -38,12 +68,11 @@ V* createVec(int n)
     v->data = nullptr;
     if (n >= 1) {
         const size_t bytes = static_cast<size_t>(n) * sizeof(Elem);
-        v->data = static_cast<Elem*>(g_alloc(bytes));
+        v->data = static_cast<Elem*>(allocZeroed(bytes));
         if (!v->data) {
             g_free(v);
             return nullptr;
         }
-        std::memset(v->data, 0, bytes);
     }
     return v;
 }
@@ -70,12 +99,11 @@ M* createMat1d(int rows, int cols)
     m->data = nullptr;
     if (rows >= 1 && cols >= 1) {
         const size_t bytes = static_cast<size_t>(rows) * static_cast<size_t>(cols) * sizeof(Elem);
-        m->data = static_cast<Elem*>(g_alloc(bytes));
+        m->data = static_cast<Elem*>(allocZeroed(bytes));
         if (!m->data) {
             g_free(m);
             return nullptr;
         }
-        std::memset(m->data, 0, bytes);
     }
     return m;
 }
@@ -107,11 +135,8 @@ M* createMat2d(int rows, int cols)
     if (rows >= 1 && cols >= 1) {
         m->data = static_cast<Row*>(g_alloc(static_cast<size_t>(rows) * sizeof(Row)));
         const size_t rowBytes = static_cast<size_t>(cols) * sizeof(Elem);
-        for (int r = 0; r < rows; ++r) {
-            m->data[r] = static_cast<Row>(g_alloc(rowBytes));
-            if (m->data[r])
-                std::memset(m->data[r], 0, rowBytes);
-        }
+        for (int r = 0; r < rows; ++r)
+            m->data[r] = static_cast<Row>(allocZeroed(rowBytes));
     }
     return m;
 }
