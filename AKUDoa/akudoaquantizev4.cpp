@@ -25,6 +25,7 @@ constexpr double kPi = 3.14159265358979323846;
 constexpr float kSoundSpeed = 340.0f; // m/s
 constexpr int kTaps = 9;              // kernel taps per axis, centred on the nearest node
 constexpr int kPixelChunk = 256;      // pixels per share of the image accumulation
+constexpr int kBinBlock = 16;         // bins per share of the spectrum gathering
 
 bool usesRegression(const StCamCfg* cfg)
 {
@@ -209,6 +210,20 @@ void AKUDoaQuantizeV4::doaInit(StCamCfg* cfg)
 
     createQuantizeParam();
     createFocusDisParam();
+    // Grid rows each bin's kernels cover; a kernel past the edge wraps and
+    // may reach any row.
+    d->gridRows.assign(2 * static_cast<size_t>(B), 0);
+    for (int b = 0; b < B; ++b) {
+        const int* idx = d->cellIndex->data[b];
+        int lo = G, hi = 0;
+        for (int m = 0; m < M; ++m) {
+            const bool inside = idx[m] >= 0 && idx[M + m] >= 0 && idx[m] + kTaps <= G && idx[M + m] + kTaps <= G;
+            lo = inside ? std::min(lo, idx[M + m]) : 0;
+            hi = inside ? std::max(hi, idx[M + m] + kTaps) : G;
+        }
+        d->gridRows[2 * static_cast<size_t>(b)] = lo;
+        d->gridRows[2 * static_cast<size_t>(b) + 1] = hi;
+    }
 
     // The frequencies assume 48 kHz and 1024 samples whatever the
     // configuration says; the line is defined that way.
@@ -364,29 +379,32 @@ void AKUDoaQuantizeV4::updateFFTWin(float* window, int length)
     std::memcpy(d->fftWindow->data, window, sizeof(float) * static_cast<size_t>(length));
 }
 
-// Row b of binSpectra and fftMean from the transformed channels (the pair
-// of bins 2b, 2b + 1 summed with averaging).
-static void spectrumRow(AKUDoaQuantizeV4Private* d, int b, bool average)
+// Rows b0 .. b1-1 of binSpectra and fftMean from the transformed channels
+// (the pair of bins 2b, 2b + 1 summed with averaging). Channel by channel,
+// so that each channel's spectrum is read in order rather than one value
+// per channel and bin.
+static void spectrumRows(AKUDoaQuantizeV4Private* d, int b0, int b1, bool average)
 {
     const int M = d->micNum;
-    float* row = d->fftMean->data[b];
-    akudoa_fftwf_complex* z = d->binSpectra->data[b];
     for (int m = 0; m < M; ++m) {
         const akudoa_fftwf_complex* X = d->micSpectra->data[m];
-        float re, im;
-        if (average) {
-            re = X[2 * b][0] + X[2 * b + 1][0];
-            im = X[2 * b][1] + X[2 * b + 1][1];
-        } else {
-            re = X[b][0];
-            im = X[b][1];
+        for (int b = b0; b < b1; ++b) {
+            float re, im;
+            if (average) {
+                re = X[2 * b][0] + X[2 * b + 1][0];
+                im = X[2 * b][1] + X[2 * b + 1][1];
+            } else {
+                re = X[b][0];
+                im = X[b][1];
+            }
+            d->binSpectra->data[b][m][0] = re;
+            d->binSpectra->data[b][m][1] = im;
+            float* row = d->fftMean->data[b];
+            row[m] = re;
+            row[M + m] = -im;
+            row[2 * M + m] = im;
+            row[3 * M + m] = re;
         }
-        z[m][0] = re;
-        z[m][1] = im;
-        row[m] = re;
-        row[M + m] = -im;
-        row[2 * M + m] = im;
-        row[3 * M + m] = re;
     }
 }
 
@@ -412,8 +430,8 @@ void AKUDoaQuantizeV4::executeFFT(mat2d_fp32* frame)
     for (int m = 0; m < d->micNum; ++m)
         channelFFT(d, frame, m);
 #pragma omp parallel for schedule(static)
-    for (int b = 0; b < d->binNum; ++b)
-        spectrumRow(d, b, average);
+    for (int b0 = 0; b0 < d->binNum; b0 += kBinBlock)
+        spectrumRows(d, b0, std::min(b0 + kBinBlock, d->binNum), average);
 }
 
 // Readout offsets of one image size, computed once per frame: grid column
@@ -450,14 +468,23 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
     const int NR = d->rows;
     const int NC = d->cols;
     akudoa_fftwf_complex* grid = d->gridIn->data[b];
-    std::memset(grid, 0, sizeof(akudoa_fftwf_complex) * static_cast<size_t>(G) * G);
+    const int* idx = d->cellIndex->data[b];
+
+    // Only the rows the gridding writes can be non-zero (the transform
+    // leaves its input alone): clear those, about a third of the grid.
+    const int lo = d->gridRows[2 * static_cast<size_t>(b)];
+    const int hi = d->gridRows[2 * static_cast<size_t>(b) + 1];
+    if (lo < hi) {
+        const size_t first = static_cast<size_t>(lo) * S;
+        const size_t end = std::min(static_cast<size_t>(hi - 1) * S + G, static_cast<size_t>(G) * G);
+        std::memset(grid + first, 0, sizeof(akudoa_fftwf_complex) * (end - first));
+    }
 
     // Gridding: each microphone's value spread over its 9 x 9 kernel, the
     // separable weight amp * ky[u] * kx[v].
     const bool focus = d->cfg->focusDistanceEn;
     const float* cosRow = d->focusPhase->data[b];
     const float* sinRow = cosRow + M;
-    const int* idx = d->cellIndex->data[b];
     const float* amp = d->cellAmp->data[b];
     const float* kx = d->kernelX->data[b];
     const float* ky = d->kernelY->data[b];
@@ -522,11 +549,27 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
     float* map = d->binMaps->data[b];
     const int* qOff = t.gridRow.data();
     const int* dCol = t.deconvCol.data();
+    const float32x4_t negSelf = vdupq_n_f32(-self);
     for (int r = 1; r <= NR; ++r) {
         const akudoa_fftwf_complex* col = out + t.gridCol[static_cast<size_t>(r)];
         const float* dec = d->deconv->data[r];
         float* dst = map + static_cast<size_t>(r - 1) * NC;
-        for (int c = 0; c < NC; ++c) {
+        int c = 0;
+        // Four pixels at a time: their grid values gathered as (re, im)
+        // pairs, the powers re*re + im*im by pairwise sums, then
+        // fma(deconv, power, -self) as for one pixel. The deconvolution
+        // columns are consecutive except where they wrap.
+        for (; c + 4 <= NC; c += 4) {
+            if (dCol[c + 3] != dCol[c] + 3)
+                break;
+            const float z[8] = {col[qOff[c]][0],     col[qOff[c]][1],     col[qOff[c + 1]][0], col[qOff[c + 1]][1],
+                                col[qOff[c + 2]][0], col[qOff[c + 2]][1], col[qOff[c + 3]][0], col[qOff[c + 3]][1]};
+            const float32x4_t lo = vld1q_f32(z);
+            const float32x4_t hi = vld1q_f32(z + 4);
+            const float32x4_t pw = vpaddq_f32(vmulq_f32(lo, lo), vmulq_f32(hi, hi));
+            vst1q_f32(dst + c, vfmaq_f32(negSelf, vld1q_f32(dec + dCol[c]), pw));
+        }
+        for (; c < NC; ++c) {
             const akudoa_fftwf_complex& z = col[qOff[c]];
             const float pw = z[0] * z[0] + z[1] * z[1];
             dst[c] = std::fmaf(dec[dCol[c]], pw, -self);
@@ -576,41 +619,32 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
     const ReadoutTables tables(g, NR, NC);
 
     // Rows of the band entries in band order; a band edge past the last
-    // table row has no bin. The bins are sorted and distinct, and so are
-    // their halves two entries apart.
+    // table row has no bin.
     const bool average = d->cfg->freqAverage;
     const bool regression = usesRegression(d->cfg);
     const int stride = average ? 2 : 1;
     std::vector<int> rowsOf;
-    std::vector<char> inBand(static_cast<size_t>(B), 0);
     for (int k = 0; k < static_cast<int>(L.size()); k += stride) {
         const int b = entryRow(L, k, average);
-        if (b >= 0 && b < B) {
+        if (b >= 0 && b < B)
             rowsOf.push_back(b);
-            inBand[static_cast<size_t>(b)] = 1;
-        }
     }
     const int count = static_cast<int>(rowsOf.size());
     float* heat = d->heatAcc->data;
 
-    // One team for the frame: a band bin's spectra are gathered by the thread
-    // that images it, right after the channel FFTs; the other bins' spectra
-    // (kept for the readouts) fill in behind. Each bin has its own row of
-    // gridIn, gridOut and binMaps.
+    // One team for the frame; each bin has its own row of gridIn, gridOut
+    // and binMaps.
 #pragma omp parallel
     {
 #pragma omp for schedule(dynamic, 1)
         for (int m = 0; m < M; ++m)
             channelFFT(d, frame, m);
-#pragma omp for schedule(dynamic, 1) nowait
-        for (int e = 0; e < count; ++e) {
-            spectrumRow(d, rowsOf[static_cast<size_t>(e)], average);
-            imageBin(this, d, g, tables, rowsOf[static_cast<size_t>(e)]);
-        }
 #pragma omp for schedule(static)
-        for (int b = 0; b < B; ++b)
-            if (!inBand[static_cast<size_t>(b)])
-                spectrumRow(d, b, average);
+        for (int b0 = 0; b0 < B; b0 += kBinBlock)
+            spectrumRows(d, b0, std::min(b0 + kBinBlock, B), average);
+#pragma omp for schedule(dynamic, 1)
+        for (int e = 0; e < count; ++e)
+            imageBin(this, d, g, tables, rowsOf[static_cast<size_t>(e)]);
         // Each pixel sums its bins in band order, so the image does not
         // depend on which thread imaged which bin.
         if (!regression) {

@@ -3,6 +3,8 @@
 
 #include <fftw3.h>
 
+#include <vector>
+
 #include "AKUDoa/akucluster.h"
 #include "AKUDoa/akudoacamcfg.h"
 #include "AKUDoa/base/akudoamatrix.h"
@@ -39,6 +41,7 @@ struct AKUDoaQuantizeV4Private {
     fftwf_plan* gridPlans = nullptr; // B forward 2-D plans of G x G, system heap
     mat2d_fftwfcplx* gridIn = nullptr;  // B x G^2: gridded spectrum of each bin
     mat2d_fftwfcplx* gridOut = nullptr; // B x G^2: its transform
+    std::vector<int> gridRows;          // 2B: rows [lo, hi) of gridIn that bin b's kernels cover
     vec_fp32* binScratch = nullptr;  // B, unused by the imaging itself
     bool spectrumSelf = false;
     bool focusRadiusMode = false;    // stored, not read by this engine

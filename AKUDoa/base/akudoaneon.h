@@ -139,6 +139,8 @@ static inline float32x4_t vminq_f32(float32x4_t a, float32x4_t b)
 
 // Horizontal reductions in the AArch64 order.
 static inline float vaddvq_f32(float32x4_t a) { return (a[0] + a[1]) + (a[2] + a[3]); }
+// Pairwise sums (a0 + a1, a2 + a3, b0 + b1, b2 + b3), as FADDP.
+static inline float32x4_t vpaddq_f32(float32x4_t a, float32x4_t b) { return _mm_hadd_ps(a, b); }
 static inline float vmaxvq_f32(float32x4_t a)
 {
     const float32x4_t hi = _mm_movehl_ps(a, a);
@@ -358,6 +360,15 @@ static inline float32x4_t vmaxq_f32(float32x4_t a, float32x4_t b) AKUDOA_NEON_LA
 static inline float32x4_t vminq_f32(float32x4_t a, float32x4_t b) AKUDOA_NEON_LANES_F(akudoa_neon_scalar::minLane(a.val[i], b.val[i]))
 
 static inline float vaddvq_f32(float32x4_t a) { return (a.val[0] + a.val[1]) + (a.val[2] + a.val[3]); }
+static inline float32x4_t vpaddq_f32(float32x4_t a, float32x4_t b)
+{
+    float32x4_t r;
+    r.val[0] = a.val[0] + a.val[1];
+    r.val[1] = a.val[2] + a.val[3];
+    r.val[2] = b.val[0] + b.val[1];
+    r.val[3] = b.val[2] + b.val[3];
+    return r;
+}
 static inline float vmaxvq_f32(float32x4_t a)
 {
     using akudoa_neon_scalar::maxLane;
