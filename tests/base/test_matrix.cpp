@@ -2,7 +2,9 @@
 
 #include <fftw3.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <vector>
 
 #include "AKUDoa/base/akudoamatrix.h"
 
@@ -130,4 +132,24 @@ TEST(Matrix, CreatorsAllocateThroughTheHooks)
     mat1d_fp32 big1{70000, 60000, nullptr};
     EXPECT_EQ(mat2d_fp32_size(&big), 4200000000u);
     EXPECT_EQ(mat1d_fp32_size(&big1), 4200000000u);
+}
+
+// With the system allocator, rows large enough to give whole pages back come
+// out zero although the heap hands out memory written before, and every
+// element stays writable.
+TEST(Matrix, LargeRowsComeBackZeroFromARecycledHeap)
+{
+    for (int pass = 0; pass < 3; ++pass) {
+        mat2d_fp32* m = create_mat2d_fp32(8, 6000); // 24 KB rows: heap, not mapped
+        for (int r = 0; r < 8; ++r)
+            for (int c = 0; c < 6000; ++c) {
+                ASSERT_EQ(m->data[r][c], 0.0f) << pass << " " << r << "," << c;
+                m->data[r][c] = 1.0f + r;
+            }
+        std::vector<float> keep(100, 2.0f); // a neighbour allocated after the rows
+        for (int r = 0; r < 8; ++r)
+            ASSERT_EQ(std::count(m->data[r], m->data[r] + 6000, 1.0f + r), 6000);
+        destroy_mat2d_fp32(m);
+        ASSERT_EQ(std::count(keep.begin(), keep.end(), 2.0f), 100);
+    }
 }
