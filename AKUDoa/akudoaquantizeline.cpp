@@ -219,24 +219,8 @@ void AKUDoaQuantizeLine::executeFFT(mat2d_fp32* frame)
     }
 
     const bool average = d->cfg->freqAverage;
-    for (int k = 0; k < B; ++k) {
-        float* row = d->fftMean->data[k];
-        for (int m = 0; m < M; ++m) {
-            const float* x = reinterpret_cast<const float*>(d->micSpectra->data[base + m]);
-            float re, im;
-            if (average) {
-                re = x[2 * (2 * k)] + x[2 * (2 * k + 1)];
-                im = x[2 * (2 * k) + 1] + x[2 * (2 * k + 1) + 1];
-            } else {
-                re = x[2 * k];
-                im = x[2 * k + 1];
-            }
-            row[m] = re;
-            row[M + m] = -im;
-            row[2 * M + m] = im;
-            row[3 * M + m] = re;
-        }
-    }
+    for (int k = 0; k < B; ++k)
+        akudoa_spectrum_row(d->micSpectra->data + base, M, k, average, d->fftMean->data[k]);
     quantizeScale(d->fftMean, d->frameScale);
     quantize(d->fftMean, d->frameScale, d->frameQ);
 }

@@ -511,23 +511,8 @@ void akudoa_planar_window_fft(AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, con
 
 void akudoa_planar_spectrum_row(AKUDoaQuantizeV3Private* d, int b, bool average)
 {
-    const int M = d->micNum;
     float* row = d->fftData->data[b];
-    for (int m = 0; m < M; ++m) {
-        const float* x = reinterpret_cast<const float*>(d->specBuf->data[m]);
-        float re, im;
-        if (average) {
-            re = x[2 * (2 * b)] + x[2 * (2 * b + 1)];
-            im = x[2 * (2 * b) + 1] + x[2 * (2 * b + 1) + 1];
-        } else {
-            re = x[2 * b];
-            im = x[2 * b + 1];
-        }
-        row[m] = re;
-        row[M + m] = -im;
-        row[2 * M + m] = im;
-        row[3 * M + m] = re;
-    }
+    akudoa_spectrum_row(d->specBuf->data, d->micNum, b, average, row);
     const int cols = d->fftData->cols;
     d->fftScale->data[b] = akudoa_row_quant_scale(row, cols);
     akudoa_row_quantize(row, cols, d->fftScale->data[b], reinterpret_cast<int8_t*>(d->fftQuant->data[b]));

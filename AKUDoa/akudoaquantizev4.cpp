@@ -25,7 +25,6 @@ constexpr double kPi = 3.14159265358979323846;
 constexpr float kSoundSpeed = 340.0f; // m/s
 constexpr int kTaps = 9;              // kernel taps per axis, centred on the nearest node
 constexpr int kPixelChunk = 256;      // pixels per share of the image accumulation
-constexpr int kBinBlock = 16;         // bins per share of the spectrum gathering
 
 bool usesRegression(const StCamCfg* cfg)
 {
@@ -379,35 +378,6 @@ void AKUDoaQuantizeV4::updateFFTWin(float* window, int length)
     std::memcpy(d->fftWindow->data, window, sizeof(float) * static_cast<size_t>(length));
 }
 
-// Rows b0 .. b1-1 of binSpectra and fftMean from the transformed channels
-// (the pair of bins 2b, 2b + 1 summed with averaging). Channel by channel,
-// so that each channel's spectrum is read in order rather than one value
-// per channel and bin.
-static void spectrumRows(AKUDoaQuantizeV4Private* d, int b0, int b1, bool average)
-{
-    const int M = d->micNum;
-    for (int m = 0; m < M; ++m) {
-        const akudoa_fftwf_complex* X = d->micSpectra->data[m];
-        for (int b = b0; b < b1; ++b) {
-            float re, im;
-            if (average) {
-                re = X[2 * b][0] + X[2 * b + 1][0];
-                im = X[2 * b][1] + X[2 * b + 1][1];
-            } else {
-                re = X[b][0];
-                im = X[b][1];
-            }
-            d->binSpectra->data[b][m][0] = re;
-            d->binSpectra->data[b][m][1] = im;
-            float* row = d->fftMean->data[b];
-            row[m] = re;
-            row[M + m] = -im;
-            row[2 * M + m] = im;
-            row[3 * M + m] = re;
-        }
-    }
-}
-
 // Windows and transforms channel m of the frame (nothing for a channel the
 // frame does not have).
 static void channelFFT(AKUDoaQuantizeV4Private* d, mat2d_fp32* frame, int m)
@@ -430,8 +400,8 @@ void AKUDoaQuantizeV4::executeFFT(mat2d_fp32* frame)
     for (int m = 0; m < d->micNum; ++m)
         channelFFT(d, frame, m);
 #pragma omp parallel for schedule(static)
-    for (int b0 = 0; b0 < d->binNum; b0 += kBinBlock)
-        spectrumRows(d, b0, std::min(b0 + kBinBlock, d->binNum), average);
+    for (int b = 0; b < d->binNum; ++b)
+        akudoa_spectrum_row(d->micSpectra->data, d->micNum, b, average, d->fftMean->data[b], d->binSpectra->data[b]);
 }
 
 // Readout offsets of one image size, computed once per frame: grid column
@@ -640,8 +610,8 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
         for (int m = 0; m < M; ++m)
             channelFFT(d, frame, m);
 #pragma omp for schedule(static)
-        for (int b0 = 0; b0 < B; b0 += kBinBlock)
-            spectrumRows(d, b0, std::min(b0 + kBinBlock, B), average);
+        for (int b = 0; b < B; ++b)
+            akudoa_spectrum_row(d->micSpectra->data, M, b, average, d->fftMean->data[b], d->binSpectra->data[b]);
 #pragma omp for schedule(dynamic, 1)
         for (int e = 0; e < count; ++e)
             imageBin(this, d, g, tables, rowsOf[static_cast<size_t>(e)]);

@@ -47,6 +47,30 @@ void akudoa_row_quantize(const float* x, int cols, float scale, int8_t* q)
 
 IAKUDoaQuantize::~IAKUDoaQuantize() = default;
 
+void akudoa_spectrum_row(const akudoa_fftwf_complex* const* spectra, int M, int b, bool average, float* row,
+                         akudoa_fftwf_complex* pairs)
+{
+    for (int m = 0; m < M; ++m) {
+        const akudoa_fftwf_complex* X = spectra[m];
+        float re, im;
+        if (average) {
+            re = X[2 * b][0] + X[2 * b + 1][0];
+            im = X[2 * b][1] + X[2 * b + 1][1];
+        } else {
+            re = X[b][0];
+            im = X[b][1];
+        }
+        if (pairs) {
+            pairs[m][0] = re;
+            pairs[m][1] = im;
+        }
+        row[m] = re;
+        row[M + m] = -im;
+        row[2 * M + m] = im;
+        row[3 * M + m] = re;
+    }
+}
+
 void IAKUDoaQuantize::quantizeScale(mat2d_fp32* m, vec_fp32* scale)
 {
     for (int r = 0; r < m->rows; ++r)

@@ -23,6 +23,13 @@ void akudoa_row_quantize(const float* x, int cols, float scale, int8_t* q);
 // written in reverse order, spectrum[n - 1 - i] = re_i^2 + im_i^2.
 void akudoa_reverse_power_spectrum(const float* x, int available, vec_fp32* spectrum);
 
+// Row b of a frame's spectrum matrix from M transformed channels (spectra[m]
+// holds channel m's bins): re of every channel, then -im, im and re again,
+// in blocks of M, the layout the beam sums read; with averaging the bins 2b
+// and 2b + 1 summed. `pairs`, when not null, receives (re, im) per channel.
+void akudoa_spectrum_row(const akudoa_fftwf_complex* const* spectra, int M, int b, bool average, float* row,
+                         akudoa_fftwf_complex* pairs = nullptr);
+
 // One element of the rounding rule: s2 = 2 * scale. In range |s2 * x| is at
 // most 254; a non-finite or huge product (a NaN or infinite sample, a zero
 // row) gives 0 instead of an undefined float-to-int conversion.
