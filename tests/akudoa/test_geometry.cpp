@@ -52,10 +52,7 @@ std::string iniFor(int mics, const std::string& extra = "")
 // exactly on their capture channel of the 128 layout, azimuths lie in -pi..pi.
 TEST(Geometry, BuiltinLayouts)
 {
-    struct Spot {
-        int count, position, index;
-        double radius, phi;
-    };
+    struct Spot { int count, position, index; double radius, phi; };
     const Spot spots[] = {{128, 0, 0, 0.0171, 0.0},         {128, 1, 1, 0.0171, 0.369599},
                           {128, 17, 17, 0.0242, 0.897598},  {128, 118, 118, 0.0597, -1.267197},
                           {128, 119, 119, 0.01, 1.396263},  {128, 122, 122, 0.01, -2.792527},
