@@ -92,8 +92,9 @@ TEST_F(V3Test, TablesAndTheirCacheFiles)
 }
 
 // A lone microphone has no cross terms: with self terms removed the int8
-// rounding left over is floored to exactly 0. An averaged engine uses every
-// other band entry (bins 300 and 303: only the first counts).
+// rounding left over is floored to exactly 0. An unknown orientation is
+// ignored; an averaged engine uses every other band entry (bins 300 and 303:
+// only the first counts).
 TEST_F(V3Test, FrameEdgeCases)
 {
     StCamCfg cfg = akugrid_camera(16, 4, 4);
@@ -105,6 +106,8 @@ TEST_F(V3Test, FrameEdgeCases)
         EXPECT_GT(v, 0.0f);
     im.engine.setSpectrumSelf(false);
     EXPECT_EQ(im.image(lone.get()), std::vector<float>(16, 0.0f));
+    im.cfg.rotateMode = 7; // unknown: the map is left alone
+    EXPECT_EQ(im.image(frame.get(), -5.0f), std::vector<float>(16, -5.0f));
 
     cfg.freqAverage = true;
     V3 av(cfg);
