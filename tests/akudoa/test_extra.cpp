@@ -1,5 +1,5 @@
-// Extended wide view: bins and image size, its own flags, wide-angle
-// sources at their pixels, and the kernel readout.
+// Extended wide view: bins and image size, its own flags, and wide-angle
+// sources at their pixels.
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -7,7 +7,6 @@
 
 #include "AKUDoa/akudoaextra.h"
 #include "AKUDoa/akudoaextra_p.h"
-#include "AKUDoa/base/akufftwindow.h"
 #include "kernel_fixture.h"
 #include "support/akudoagrid.h"
 
