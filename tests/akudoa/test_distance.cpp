@@ -155,11 +155,7 @@ TEST_F(DistanceKernel, SweepCandidatesAndUntouchedResults)
 
 TEST(DistanceEdge, VecPowerSumsWholeGroupsOfFour)
 {
-    struct Case {
-        std::vector<float> a;
-        unsigned n;
-        float want;
-    };
+    struct Case { std::vector<float> a; unsigned n; float want; };
     const Case cases[] = {
         {{1, -2, 3}, 3, 0.0f},
         {{1, -2, 3, 4, 100, 200, 300}, 7, 30.0f},

@@ -1,5 +1,5 @@
-// Extended wide view: bins and image size, its own flags, wide-angle
-// sources at their pixels, and the kernel readout.
+// Extended wide view: bins and image size, its own flags, and wide-angle
+// sources at their pixels.
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -7,7 +7,6 @@
 
 #include "AKUDoa/akudoaextra.h"
 #include "AKUDoa/akudoaextra_p.h"
-#include "AKUDoa/base/akufftwindow.h"
 #include "kernel_fixture.h"
 #include "support/akudoagrid.h"
 
@@ -115,32 +114,4 @@ TEST_F(ExtraTest, WideAngleSourcesAppearAtTheirPixel)
             }
         }
     }
-}
-
-// Through the kernel: the capture rows scattered through micIndex, the
-// default and a new window forwarded, a 45-degree source at its pixel; with
-// the view disabled, or without a frame, the readout refuses.
-TEST_F(ExtraTest, KernelReadoutShowsAWideSource)
-{
-    AKUDoaKernel k, off;
-    ASSERT_TRUE(k.init(ini(kerneltest::cameraIni(16, 1024, 32, 24, 3, 1, 0, "[DOA]\nextra_en = true\n")).c_str()));
-    ASSERT_TRUE(off.init(ini(kerneltest::cameraIni(16, 1024, 32, 24, 3, 1, 0), "off.ini").c_str()));
-    const AKUDoaQuantizeV3Private& core = priv(k)->extra->privateData()->core;
-    AKUFFTWindow tukey(1024, FFT_WINDOW_TUKEY, 0, 0, 0.2f), hann(1024, FFT_WINDOW_HANN, 0, 0, 1.0f);
-    EXPECT_TRUE(std::equal(core.fftWindow->data, core.fftWindow->data + 1024, tukey.data()->data));
-    k.setFFTWindow_doa(FFT_WINDOW_HANN, 0, 0, 1.0f);
-    EXPECT_TRUE(std::equal(core.fftWindow->data, core.fftWindow->data + 1024, hann.data()->data));
-    const StCamCfg& cfg = priv(k)->cfg;
-    AkuMat map = akumat(16, 12);
-    for (auto [i, j] : {std::pair<int, int>{0, 5}, {15, 8}}) {
-        AkuMat capture(akugrid_capture_frame(cfg, akugrid_frame(cfg, {wideSource(cfg, i, j)}).get()));
-        ASSERT_TRUE(k.readHeatMapExtra(capture.get(), map.get()));
-        int r, c, er, ec;
-        akugrid_argmax(map.get(), r, c);
-        akugrid_rotated(1, 16, 12, i, j, er, ec);
-        EXPECT_LE(std::abs(r - er), 1) << i << "," << j;
-        EXPECT_LE(std::abs(c - ec), 1) << i << "," << j;
-        EXPECT_FALSE(off.readHeatMapExtra(capture.get(), map.get()));
-    }
-    EXPECT_FALSE(k.readHeatMapExtra(nullptr, map.get()));
 }

@@ -175,33 +175,34 @@ TEST_F(KernelTest, SettersRefuseBadValues)
     destroy_vec_fp32(audio);
 }
 
-// Program switches, focus changes and the cell pickup against frames from
-// another thread: every frame is imaged, nothing races (thread sanitizer).
-TEST_F(KernelTest, ConcurrencyProgramFocusAndCellPickupAgainstFrames)
+// Program switches, focus, self terms, radius mode, windows and correction
+// updates from one thread while another images frames with their spectrum,
+// reads target powers (corrected against the coefficient updates) and picks
+// up at a cell: every frame is imaged, nothing races (thread sanitizer).
+TEST_F(KernelTest, ConcurrencySettersAndProgramsAgainstFrames)
 {
     AKUDoaKernel k;
     ASSERT_TRUE(k.init(ini(std::string(kCamera) + "[QuantizeiParam]\nreadFromFile = 0\nautoSave = 0\n").c_str()));
-    AkuMat frame(sourceFrame(*k.camConfig()));
+    AkuMat frame(sourceFrame(*k.camConfig())), map = akumat(16, 12);
     std::atomic<bool> done{false};
     std::thread control([&] {
-        for (int i = 0; i < 4; ++i) {
-            k.setDoaProgram(i % 2 ? AKUDoaKernel::DOA_PROGRAM_V3 : AKUDoaKernel::DOA_PROGRAM_V5_PROCESS_4);
-            k.setFocusDis(0.5f + 0.25f * static_cast<float>(i), i % 2 == 0);
-            k.setFocusRadius(i == 2);
-            k.setSpectrumSelf(i == 1);
-            EXPECT_EQ(k.getDoaProgram(), i % 2 ? AKUDoaKernel::DOA_PROGRAM_V3 : AKUDoaKernel::DOA_PROGRAM_V5_PROCESS_4);
+        for (int i = 0; i < 24; ++i) {
+            if (i % 6 == 0)
+                k.setDoaProgram(i % 12 ? AKUDoaKernel::DOA_PROGRAM_V3 : AKUDoaKernel::DOA_PROGRAM_V5_PROCESS_4);
+            k.setFocusDis(i % 2 ? 0.8f : 1.2f, i % 3 == 0), k.setSpectrumSelf(i % 2 == 0), k.setFocusRadius(i % 4 == 1);
+            k.setFFTWindow_doa(i % 2 ? FFT_WINDOW_HANN : FFT_WINDOW_TUKEY, 0.0f, 0.0f, 0.2f), k.setFFTWindow_pickup(FFT_WINDOW_HANN, 0.0f, 0.0f, 1.0f);
+            k.updateCordinateMat(CordinateMat{0.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f});
         }
         done = true;
     });
-    int frames = 0;
-    AkuMat map = akumat(16, 12);
-    vec_fp32* audio = create_vec_fp32(256);
-    while (!done || frames < 3) {
-        EXPECT_TRUE(k.readHeatMap(frame.get(), map.get(), nullptr, 0));
+    vec_fp32 *audio = create_vec_fp32(256), *spectrum = create_vec_fp32(129);
+    for (int frames = 0; !done || frames < 3; ++frames) {
+        EXPECT_TRUE(k.readHeatMap(frame.get(), map.get(), spectrum, 1));
+        for (int i = 0; i < 4; ++i) // racing a switch, the new engine may not have imaged yet
+            (void)k.getPaWithTarget(fpoint2d{0.0f, 3, i});
         EXPECT_TRUE(k.readPickedUpAudioAtCell(frame.get(), audio, fpoint2d{0.0f, frames % 16, 3}));
-        EXPECT_TRUE(allFinite(akugrid_flat(map.get())) && std::isfinite(k.getPaWithTarget(fpoint2d{0.0f, 5, 4}).val));
-        ++frames;
+        EXPECT_TRUE(allFinite(akugrid_flat(map.get())));
     }
     control.join();
-    destroy_vec_fp32(audio);
+    destroy_vec_fp32(audio), destroy_vec_fp32(spectrum);
 }

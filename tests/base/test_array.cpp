@@ -105,29 +105,6 @@ TEST(Array, BilinearResampling)
     }
 }
 
-TEST(Array, PeakHelpers)
-{
-    // isPeak: (dr, dc) clip the 5 x 5 block at a border; values set outside
-    // the examined rows/columns must not matter, equal values do not disqualify.
-    const struct { int dr, dc, cr, cc; std::vector<std::pair<int, int>> ignored, rival; } cases[] = {
-        {0, 0, 2, 2, {}, {{4, 0}}}, {1, 0, 1, 2, {{4, 2}}, {{3, 0}}}, {0, -2, 2, 2, {{0, 0}, {4, 1}}, {{4, 4}}},
-        {-1, 2, 2, 0, {{0, 1}, {3, 3}}, {{4, 2}}},
-    };
-    for (const auto& c : cases) {
-        float rows[5][5] = {};
-        float* block[5] = {rows[0], rows[1], rows[2], rows[3], rows[4]};
-        rows[c.cr][c.cc] = 1.0f;
-        for (auto [r, col] : c.ignored)
-            rows[r][col] = 9.0f;
-        rows[c.rival.front().first][c.rival.front().second] = 1.0f;
-        EXPECT_TRUE(isPeak(block, c.dr, c.dc)) << c.dr << "," << c.dc;
-        rows[c.rival.front().first][c.rival.front().second] = 1.5f;
-        EXPECT_FALSE(isPeak(block, c.dr, c.dc)) << c.dr << "," << c.dc;
-    }
-    std::vector<float> a{1, 2, 3, 9};
-    EXPECT_EQ(bufMax(a.data(), 4) + bufMax(a.data(), 3) + bufMax(a.data(), 0), 13.0f);
-}
-
 TEST(Array, FindPeak2d)
 {
     // Corner peak: out-of-image neighbours count as 0; strictly above threshold.

@@ -111,19 +111,13 @@ TEST(Matrix, CreatorsAllocateThroughTheHooks)
     mat2d_fftwfcplx* m = create_mat2d_fftwfcplx(3, 513);
     vec_fftwfcplx* v = create_vec_fftwfcplx(1025);
     EXPECT_EQ(g_log.sizes, (std::vector<size_t>{sizeof(mat2d_fftwfcplx), sizeof(vec_fftwfcplx)}));
-    for (int r = 0; r < 3; ++r) {
-        EXPECT_EQ(fftwf_alignment_of(m->data[r][0]), 0) << r;
-        for (int c = 0; c < 513; ++c)
-            ASSERT_TRUE(m->data[r][c][0] == 0.0f && m->data[r][c][1] == 0.0f);
-    }
-    EXPECT_EQ(fftwf_alignment_of(v->data[0]), 0);
+    for (fftwf_complex* row : {m->data[0], m->data[1], m->data[2], v->data})
+        EXPECT_EQ(fftwf_alignment_of(row[0]), 0);
+    for (int i = 0; i < 3 * 513; ++i)
+        ASSERT_TRUE(m->data[i / 513][i % 513][0] == 0.0f && m->data[i / 513][i % 513][1] == 0.0f) << i;
     v->data[1024][0] = 1.0f;
-    destory_mat2d_fftwfcplx(m);
-    destory_vec_fftwfcplx(v);
+    destory_mat2d_fftwfcplx(m), destory_vec_fftwfcplx(v);
     EXPECT_EQ(g_log.frees, 2);
-    mat2d_fftwfcplx* e = create_mat2d_fftwfcplx(4, -2);
-    EXPECT_EQ(e->data, nullptr);
-    destory_mat2d_fftwfcplx(e);
     g_log.failAt = g_log.allocs;
     EXPECT_EQ(create_vec_fftwfcplx(2), nullptr);
     doa_register_malloc(reinterpret_cast<void*>(&std::malloc), reinterpret_cast<void*>(&std::free));

@@ -1,6 +1,6 @@
 // Writes the quantized steering tables of a few small planar-engine (V3)
-// configurations in the layout of the engine's cache files: per case a scale
-// file (B native floats) and a table file (B rows of 2*M*P signed bytes).
+// configurations, one file per case: B rows of 2*M*P signed bytes, then B
+// native float scales (the engine's cache pair, joined).
 // An x86_64 build and an AArch64 build must write byte-identical files;
 // scripts/test-arm.sh runs this program from both builds and compares them.
 //
@@ -19,16 +19,12 @@
 #include "AKUDoa/akudoacamcfg.h"
 #include "AKUDoa/akudoaquantizev3.h"
 #include "AKUDoa/akudoaquantizev3_p.h"
-#include "support/akudoasim.h"
+#include "support/akudoagrid.h"
 
 namespace {
 
-struct Case {
-    const char* name;
-    int mics, rows, cols, frameSize;
-    float focusDistance; // metres; 0 = far field
-    bool freqAverage;
-};
+// Focus distance in metres, 0 for the far field.
+struct Case { const char* name; int mics, rows, cols, frameSize; float focusDistance; bool freqAverage; };
 
 // Small enough to build in seconds under emulation, yet covering both table
 // builders, frequency averaging, two ring layouts and non-square images.
@@ -38,15 +34,6 @@ const Case kCases[] = {
     {"far_avg_m64_16x12_n512", 64, 16, 12, 512, 0.0f, true},
     {"near0.7_avg_m64_8x8_n256", 64, 8, 8, 256, 0.7f, true},
 };
-
-bool writeFile(const std::string& path, const std::string& bytes)
-{
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (!f)
-        return false;
-    const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
-    return std::fclose(f) == 0 && ok;
-}
 
 } // namespace
 
@@ -67,39 +54,16 @@ int main(int argc, char** argv)
     setenv("AKUDOA_CACHE_DIR", cache.c_str(), 1);
 
     for (const Case& k : kCases) {
-        StCamCfg cfg{};
-        cfg.doaVersionSelect = 3;
-        cfg.sampleFrequency = 96000;
-        cfg.imageResolutionRow = k.rows;
-        cfg.imageResolutionCol = k.cols;
-        cfg.frameSize = k.frameSize;
-        cfg.imageThetaXYFactor = 1.3f;
-        cfg.eangleDomain = 43;
-        cfg.micMaxRadius = 0.11f;
+        StCamCfg cfg = akugrid_camera(k.mics, k.rows, k.cols, k.frameSize);
         cfg.focusDistanceEn = k.focusDistance > 0.0f;
         cfg.focusDistance = cfg.focusDistanceEn ? k.focusDistance : 1.0f;
         cfg.freqAverage = k.freqAverage;
-        for (float& s : cfg.micSensitivity)
-            s = 1.0f;
-        if (!akusim_fill_layout(cfg, k.mics)) {
-            std::fprintf(stderr, "%s: no built-in layout for %d microphones\n", argv[0], k.mics);
-            return 1;
-        }
-
         AKUDoaQuantizeV3 engine;
         engine.doaInit(&cfg);
-        const AKUDoaQuantizeV3Private* d = engine.privateData();
-        const vec_fp32* scale = d->steerScale;
-        const mat2d_uint8* table = d->steerQuant;
-
-        const std::string base = out + "/" + k.name;
-        std::string rows;
-        for (int b = 0; b < table->rows; ++b)
-            rows.append(reinterpret_cast<const char*>(table->data[b]), table->cols);
-        if (!writeFile(base + "_scale.data", std::string(reinterpret_cast<const char*>(scale->data),
-                                                         sizeof(float) * scale->n)) ||
-            !writeFile(base + "_table.data", rows)) {
-            std::fprintf(stderr, "%s: cannot write %s\n", argv[0], base.c_str());
+        const std::vector<uint8_t> bytes = akugrid_table_bytes(*engine.privateData());
+        FILE* f = std::fopen((out + "/" + k.name + ".data").c_str(), "wb");
+        if (!f || std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size() || std::fclose(f) != 0) {
+            std::fprintf(stderr, "%s: cannot write %s\n", argv[0], k.name);
             return 1;
         }
     }

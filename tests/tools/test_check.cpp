@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <map>
 #include <random>
 #include <string>
@@ -152,23 +151,4 @@ TEST(ToolCheck, TwoEqualSourcesNeedTheUserToNameOne)
     b.check({}, false, &r);
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.out.find("give --source"), std::string::npos) << r.out;
-}
-
-// The figures for the record, not a pass/fail test: single faults found at
-// every position (dead, inverted) and every pair of consecutive positions
-// (swapped), and microphones flagged on clean recordings of ten seeds. Run
-// with --gtest_also_run_disabled_tests --gtest_filter='*Sweep*'.
-TEST(ToolCheck, DISABLED_Sweep)
-{
-    Bench b("check-sweep");
-    int found[3] = {}, alarms = 0;
-    for (int p = 0; p < 64; ++p) {
-        found[0] += b.check({{Dead, p}}, true) == expected({{Dead, p}});
-        found[1] += b.check({{Invert, p}}, true) == expected({{Invert, p}});
-        found[2] += p < 63 && b.check({{Swap, p, p + 1}}, true) == expected({{Swap, p, p + 1}});
-    }
-    for (int seed = 1; seed <= 10; ++seed)
-        alarms += static_cast<int>(Bench("check-sweep", seed).check({}, false).size());
-    std::printf("found: dead %d/64, inverted %d/64, swapped %d/63; flagged on 10 clean recordings: %d\n", found[0],
-                found[1], found[2], alarms);
 }

@@ -29,11 +29,7 @@ TEST(ToolErrors, BadInputsEndWithAMessageAndLeaveNothing)
     writeText(joinPath(dir, "text.wav"), "RIFF but not really a wave file, only text");
     writeText(joinPath(dir, "scene.ini"), "[source]\npixel = 3 3\n");
 
-    struct Case {
-        std::string args;
-        int status;
-        std::string message;
-    };
+    struct Case { std::string args; int status; std::string message; };
     const Case cases[] = {
         {"image --config cam.ini --in ch64.wav --out out", 1, "ch64.wav has 63 channel(s)"},
         {"image --config cam.ini --in rate48.wav --out out", 1, "sampled at 48000 Hz; cam.ini expects 96000 Hz"},

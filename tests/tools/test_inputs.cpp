@@ -97,9 +97,7 @@ TEST(ToolInputs, GeometryFromPositionFiles)
         EXPECT_NEAR(phiRadius[16 + i] * std::sin(phiRadius[i]), 0.01 * (i / 4 - 1.5), 1e-6) << i;
     }
 
-    const struct {
-        std::string from, to, message;
-    } refused[] = {
+    const struct { std::string from, to, message; } refused[] = {
         {"\"Point 6\" x=\"0.010000\" y=\"0.010000\" z=\"0\"", "\"Point 6\" x=\"0.01\" y=\"0.01\" z=\"0.0015\"",
          "Point 6 lies 1.4 mm off the array plane"},
         {"\"Point 16\" x=\"0.030000\" y=\"0.030000\"", "\"Point 16\" x=\"0\" y=\"0\"",

@@ -47,11 +47,7 @@ TEST(ToolRoundTrip, SourcesPeakAtTheirPixels)
     focused.replace(focused.find("rotate_mode = 1"), 15, "rotate_mode = 1\nfocus_distance_en = true\nfocus_distance = 1.2");
     writeText(joinPath(dir, "far.ini"), smallCamera());
     writeText(joinPath(dir, "near.ini"), focused);
-    struct Case {
-        const char* cam;
-        std::string scene;
-        int row, col;
-    };
+    struct Case { const char* cam; std::string scene; int row, col; };
     const Case cases[] = {{"far.ini", scene("4 3", -20, -26), 4, 3}, {"far.ini", scene("4 3", -26, -20), 11, 8},
                           {"near.ini", scene("2 9", -20), 2, 9}, {"near.ini", scene("13 1", -20), 13, 1}};
     for (const Case& c : cases) {

@@ -53,12 +53,7 @@ double sincAt(const std::vector<float>& x, double t)
 TEST(SimulateScene, DelaysAndLevelsFollowTheGeometry)
 {
     const double s30 = std::sqrt(0.75), d37 = 0.37 * 340 / 96000 / 0.6;
-    struct Case {
-        const char* what;
-        Vec3 mic1;
-        ResolvedSource src;
-        double d, gain, rms0;
-    };
+    struct Case { const char* what; Vec3 mic1; ResolvedSource src; double d, gain, rms0; };
     const Case cases[] = {
         {"plane, ahead", {0.02125, 0, 0}, source(true, {0.5, 0, s30}, 30000), -3, 1, 0.1},
         {"plane, fractional", {-d37, 0, 0}, source(true, {0.6, 0, 0.8}, 30000), 0.37, 1, 0.1},
