@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Cross-builds the AArch64 variant in build-arm/ and runs the emulated subset
 # under qemu-aarch64: every vector-kernel-versus-reference suite (names
-# starting with Simd), the four-lane math, and the small end-to-end imaging
-# case (EndToEndSmall). The subset runs twice: on a processor model with the
+# starting with Simd), the four-lane math, the small end-to-end imaging
+# case (EndToEndSmall) and one frame of each planar engine (PlanarFrame). The subset runs twice: on a processor model with the
 # Arm dot-product instructions and on one without, so both run-time paths
 # are exercised. On each model the steering tables of a few small
 # configurations must come out byte-identical to those of the native x86_64
@@ -19,7 +19,7 @@ dir=build-arm
 jobs=$(nproc)
 cpus=${AKUDOA_ARM_CPUS:-"neoverse-n1 cortex-a72"}
 # gtest names are Suite.Case, or Instance/Suite.Case/N when parameterised.
-subset='^([A-Za-z0-9_]+/)?(Simd[A-Za-z0-9_]*|EndToEndSmall)\.'
+subset='^([A-Za-z0-9_]+/)?(Simd[A-Za-z0-9_]*|EndToEndSmall|PlanarFrame)\.'
 
 cmake -S . -B "$dir" \
   -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchain-aarch64.cmake" \
