@@ -46,14 +46,13 @@ struct Bench {
         SoundReader in(joinPath(dir, "rec.wav"));
         std::vector<float> inter(static_cast<size_t>(in.info().frames * in.info().channels));
         in.read(inter.data(), in.info().frames);
-        planes.assign(in.info().channels, std::vector<float>(in.info().frames));
-        for (size_t t = 0; t < planes[0].size(); ++t)
-            for (size_t c = 0; c < planes.size(); ++c)
-                planes[c][t] = inter[t * planes.size() + c];
+        planes.resize(in.info().channels);
+        for (size_t i = 0; i < inter.size(); ++i)
+            planes[i % planes.size()].push_back(inter[i]);
     }
 
     // Runs the check on the recording with the faults; the non-ok statuses.
-    Statuses check(const std::vector<Injected>& faults, bool giveSource, ToolRun* run = nullptr)
+    Statuses check(const std::vector<Injected>& faults, bool giveSource, ToolRun& run)
     {
         std::vector<std::vector<float>> p = planes;
         std::vector<Vec3> pos = lay.position;
@@ -80,17 +79,13 @@ struct Bench {
         writeText(joinPath(dir, "geo.ini"), smallCamera() + "[MicParam]\nMicFile = geo.bin\n"
                                             "[QuantizeiParam]\nreadFromFile = false\nautoSave = false\n");
         writeWavFloat(joinPath(dir, "bad.wav"), p, 96000);
-        ToolRun r = akudoa(dir, "check --config geo.ini --in bad.wav --out out" +
-                                    std::string(giveSource ? " --source 3,2" : ""));
+        run = akudoa(dir, "check --config geo.ini --in bad.wav --out out" + std::string(giveSource ? " --source 3,2" : ""));
         Statuses found;
         std::ifstream csv(joinPath(dir, "out/channels.csv"));
         std::string line;
-        std::getline(csv, line);
-        while (std::getline(csv, line))
+        for (std::getline(csv, line); std::getline(csv, line);) // past the header
             if (line.substr(line.rfind(',') + 1) != "ok")
                 found[std::stoi(line)] = line.substr(line.rfind(',') + 1);
-        if (run)
-            *run = r;
         return found;
     }
 };
@@ -120,7 +115,7 @@ TEST(ToolCheck, NamesEachFaultAndNothingElse)
         {{all[4]}, true}, {{all[5]}, true}, {reversed, true}, {all, true}, {all, false}};
     std::vector<ToolRun> runs(std::size(cases));
     for (size_t i = 0; i < runs.size(); ++i) {
-        EXPECT_EQ(b.check(cases[i].first, cases[i].second, &runs[i]), expected(cases[i].first)) << runs[i].out;
+        EXPECT_EQ(b.check(cases[i].first, cases[i].second, runs[i]), expected(cases[i].first)) << runs[i].out;
         EXPECT_EQ(runs[i].status, cases[i].first.empty() ? 0 : 3);
     }
     // The corrected order restores what the swap cost the map.
@@ -136,7 +131,7 @@ TEST(ToolCheck, TwoEqualSourcesNeedTheUserToNameOne)
 {
     Bench b("check-two", "[source a]\npixel = 3 2\n[source b]\npixel = 12 9\n");
     ToolRun r;
-    b.check({}, false, &r);
+    b.check({}, false, r);
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.out.find("give --source"), std::string::npos) << r.out;
 }

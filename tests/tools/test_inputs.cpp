@@ -7,7 +7,6 @@
 #include <cmath>
 #include <csignal>
 #include <cstring>
-#include <fstream>
 #include <hdf5.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,11 +29,6 @@ std::vector<float> readEvery(const std::string& path, int step)
         if (i % r.info().channels % step == 0)
             y.push_back(x[i]);
     return y;
-}
-
-void writeBytes(const std::string& path, const void* data, size_t bytes)
-{
-    std::ofstream(path, std::ios::binary).write(static_cast<const char*>(data), std::streamsize(bytes));
 }
 
 // The layout Acoular writes: time_data (samples x channels), sample_freq.
@@ -119,9 +113,10 @@ TEST(ToolInputs, EveryInputGivesTheCapturePeaks)
         planes[i % 64].push_back(mics[i]);
     writeWavFloat(joinPath(dir, "mics.wav"), planes, 96000);
     writeHdf5(joinPath(dir, "mics.h5"), mics, 64);
-    writeBytes(joinPath(dir, "mics.f32"), mics.data(), mics.size() * 4);
-    writeBytes(joinPath(dir, "ring.f32"), ring.data(), ring.size() * 4);
-    writeBytes(joinPath(dir, "ring.s16"), ring16.data(), ring16.size() * 2);
+    auto writeRaw = [&](const char* name, const auto& v) {
+        writeText(joinPath(dir, name), std::string(reinterpret_cast<const char*>(v.data()), v.size() * sizeof v[0]));
+    };
+    writeRaw("mics.f32", mics), writeRaw("ring.f32", ring), writeRaw("ring.s16", ring16);
 
     auto peaks = [&](const std::string& cfg, const std::string& in) {
         const std::string out = "out-" + std::to_string(std::hash<std::string>()(cfg + in));

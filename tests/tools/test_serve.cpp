@@ -72,9 +72,7 @@ TEST(ToolServe, ControlsClientsAndStop)
                                std::string(2000, 'a'), "../etc/passwd=1"};
     for (const std::string& body : bad) {
         auto r = http.Post("/control", body, "text/plain");
-        ASSERT_TRUE(r);
-        EXPECT_EQ(r->status, 400) << body;
-        EXPECT_FALSE(r->body.empty()) << body;
+        EXPECT_TRUE(r && r->status == 400 && !r->body.empty()) << body; // a 400 with its reason
     }
     EXPECT_EQ(controls(), before);
     EXPECT_EQ(http.Post("/control", "range=20&row=4&col=3", "text/plain")->status, 200);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <numeric>
 #include <utility>
 
 #include "camera.h"
@@ -71,9 +72,7 @@ TEST(SimulateScene, DelaysAndLevelsFollowTheGeometry)
             sig += ref * ref;
         }
         EXPECT_LT(std::sqrt(err / sig), 1e-3) << c.what;
-        double e0 = 0;
-        for (size_t n = 1000; n < 8600; ++n)
-            e0 += static_cast<double>(p[0][n]) * p[0][n];
+        const double e0 = std::inner_product(p[0].begin() + 1000, p[0].begin() + 8600, p[0].begin() + 1000, 0.0);
         EXPECT_NEAR(std::sqrt(e0 / 7600), c.rms0, 0.05 * c.rms0) << c.what;
     }
 }
