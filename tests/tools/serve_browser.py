@@ -99,9 +99,6 @@ try:
     check(20000 <= low <= high <= 40000 and power > -200, "power %.1f dB over %s - %s Hz, inside the band" % (power, low, high))
     far = click(FAR)
     check(near - far >= 10, "sound at the source %.1f dB, at a far cell %.1f dB" % (near, far))
-    lat = sorted(js("akudoa.latency"))
-    print("latency frame end to draw: median %.1f ms, 95th percentile %.1f ms over %d frames (frame period %.1f ms)"
-          % (lat[len(lat) // 2], lat[int(len(lat) * 0.95)], len(lat), 512 / 96.0))
     open(os.path.join(work, "live-view.png"), "wb").write(base64.b64decode(cdp("Page.captureScreenshot")["data"]))
 finally:
     os.killpg(browser.pid, signal.SIGTERM)

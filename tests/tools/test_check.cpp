@@ -7,6 +7,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "arrayfile.h"
@@ -34,13 +35,10 @@ struct Bench {
     Vec3 towards; // the source's direction in the array plane, unit length
     std::vector<std::vector<float>> planes;
 
-    explicit Bench(const std::string& name, int seed = 1, const std::string& sources = "[source a]\npixel = 3 2\n")
+    explicit Bench(const std::string& name, const std::string& sources = "[source a]\npixel = 3 2\n")
         : dir(dirFor(name))
     {
-        writeText(joinPath(dir, "cam.ini"), smallCamera());
-        writeText(joinPath(dir, "scene.ini"), "[scene]\nduration = 0.2\nmic_noise_db = -60\n" + sources);
-        EXPECT_EQ(akudoa(dir, "simulate --config cam.ini --scene scene.ini --out rec.wav --seed " +
-                                  std::to_string(seed)).status, 0);
+        EXPECT_EQ(simulate(dir, "[scene]\nduration = 0.2\nmic_noise_db = -60\n" + sources).status, 0);
         Camera cam(joinPath(dir, "cam.ini"), {});
         lay = cam.layout();
         const Vec3 v = pixelTarget(cam.image(), 3, 2).v;
@@ -48,14 +46,13 @@ struct Bench {
         SoundReader in(joinPath(dir, "rec.wav"));
         std::vector<float> inter(static_cast<size_t>(in.info().frames * in.info().channels));
         in.read(inter.data(), in.info().frames);
-        planes.assign(in.info().channels, std::vector<float>(in.info().frames));
-        for (size_t t = 0; t < planes[0].size(); ++t)
-            for (size_t c = 0; c < planes.size(); ++c)
-                planes[c][t] = inter[t * planes.size() + c];
+        planes.resize(in.info().channels);
+        for (size_t i = 0; i < inter.size(); ++i)
+            planes[i % planes.size()].push_back(inter[i]);
     }
 
     // Runs the check on the recording with the faults; the non-ok statuses.
-    Statuses check(const std::vector<Injected>& faults, bool giveSource, ToolRun* run = nullptr)
+    Statuses check(const std::vector<Injected>& faults, bool giveSource, ToolRun& run)
     {
         std::vector<std::vector<float>> p = planes;
         std::vector<Vec3> pos = lay.position;
@@ -82,17 +79,13 @@ struct Bench {
         writeText(joinPath(dir, "geo.ini"), smallCamera() + "[MicParam]\nMicFile = geo.bin\n"
                                             "[QuantizeiParam]\nreadFromFile = false\nautoSave = false\n");
         writeWavFloat(joinPath(dir, "bad.wav"), p, 96000);
-        ToolRun r = akudoa(dir, "check --config geo.ini --in bad.wav --out out" +
-                                    std::string(giveSource ? " --source 3,2" : ""));
+        run = akudoa(dir, "check --config geo.ini --in bad.wav --out out" + std::string(giveSource ? " --source 3,2" : ""));
         Statuses found;
         std::ifstream csv(joinPath(dir, "out/channels.csv"));
         std::string line;
-        std::getline(csv, line);
-        while (std::getline(csv, line))
+        for (std::getline(csv, line); std::getline(csv, line);) // past the header
             if (line.substr(line.rfind(',') + 1) != "ok")
                 found[std::stoi(line)] = line.substr(line.rfind(',') + 1);
-        if (run)
-            *run = r;
         return found;
     }
 };
@@ -109,12 +102,6 @@ Statuses expected(const std::vector<Injected>& faults)
     return s;
 }
 
-double sharpness(const std::string& out, const std::string& after)
-{
-    const size_t at = out.find(after);
-    return at == std::string::npos ? NAN : std::stod(out.substr(at + after.size()));
-}
-
 } // namespace
 
 TEST(ToolCheck, NamesEachFaultAndNothingElse)
@@ -123,32 +110,28 @@ TEST(ToolCheck, NamesEachFaultAndNothingElse)
     const std::vector<Injected> all = {{Dead, 5}, {Clip, 20}, {Invert, 33}, {Swap, 8, 49}, {Noise, 57}, {Shift, 24}};
     // A block of eight channels wired in reverse: four swapped pairs.
     const std::vector<Injected> reversed = {{Swap, 40, 47}, {Swap, 41, 46}, {Swap, 42, 45}, {Swap, 43, 44}};
-    struct Case {
-        std::vector<Injected> faults;
-        bool giveSource;
-    } cases[] = {{{}, true}, {{all[0]}, true}, {{all[1]}, true}, {{all[2]}, true}, {{all[3]}, true},
-                 {{all[4]}, true}, {{all[5]}, true}, {reversed, true}, {all, true}, {all, false}};
-    ToolRun clean, swapped;
-    for (const Case& c : cases) {
-        ToolRun r;
-        EXPECT_EQ(b.check(c.faults, c.giveSource, &r), expected(c.faults)) << r.out;
-        EXPECT_EQ(r.status, c.faults.empty() ? 0 : 3);
-        if (c.faults.empty())
-            clean = r;
-        if (c.faults.size() == reversed.size())
-            swapped = r;
+    const std::pair<std::vector<Injected>, bool> cases[] = { // the faults, whether --source is given
+        {{}, true}, {{all[0]}, true}, {{all[1]}, true}, {{all[2]}, true}, {{all[3]}, true},
+        {{all[4]}, true}, {{all[5]}, true}, {reversed, true}, {all, true}, {all, false}};
+    std::vector<ToolRun> runs(std::size(cases));
+    for (size_t i = 0; i < runs.size(); ++i) {
+        EXPECT_EQ(b.check(cases[i].first, cases[i].second, runs[i]), expected(cases[i].first)) << runs[i].out;
+        EXPECT_EQ(runs[i].status, cases[i].first.empty() ? 0 : 3);
     }
     // The corrected order restores what the swap cost the map.
-    const double cleanDb = sharpness(clean.out, "peak sharpness: ");
-    EXPECT_LT(sharpness(swapped.out, "order: "), cleanDb - 0.5) << swapped.out;
-    EXPECT_NEAR(sharpness(swapped.out, "dB before, "), cleanDb, 0.5) << swapped.out;
+    auto sharpness = [](const std::string& out, const std::string& after) {
+        return out.find(after) == std::string::npos ? NAN : std::stod(out.substr(out.find(after) + after.size()));
+    };
+    const double cleanDb = sharpness(runs[0].out, "peak sharpness: ");
+    EXPECT_LT(sharpness(runs[7].out, "order: "), cleanDb - 0.5) << runs[7].out;
+    EXPECT_NEAR(sharpness(runs[7].out, "dB before, "), cleanDb, 0.5) << runs[7].out;
 }
 
 TEST(ToolCheck, TwoEqualSourcesNeedTheUserToNameOne)
 {
-    Bench b("check-two", 1, "[source a]\npixel = 3 2\n[source b]\npixel = 12 9\n");
+    Bench b("check-two", "[source a]\npixel = 3 2\n[source b]\npixel = 12 9\n");
     ToolRun r;
-    b.check({}, false, &r);
+    b.check({}, false, r);
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.out.find("give --source"), std::string::npos) << r.out;
 }

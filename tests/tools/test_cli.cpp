@@ -17,7 +17,6 @@ using namespace clitest;
 TEST(ToolErrors, BadInputsEndWithAMessageAndLeaveNothing)
 {
     std::string dir = dirFor("errors");
-    writeText(joinPath(dir, "cam.ini"), smallCamera());
     writeText(joinPath(dir, "cam20.ini"), smallCamera(20));
     // 63 channels for 64 microphones recorded on 128, and the right count at 48 kHz.
     writeWavFloat(joinPath(dir, "ch64.wav"), std::vector<std::vector<float>>(63, std::vector<float>(2048, 0.1f)),
@@ -31,7 +30,8 @@ TEST(ToolErrors, BadInputsEndWithAMessageAndLeaveNothing)
 
     struct Case { std::string args; int status; std::string message; };
     const Case cases[] = {
-        {"image --config cam.ini --in ch64.wav --out out", 1, "ch64.wav has 63 channel(s)"},
+        {"image --config cam.ini --in ch64.wav --out out", 1,
+         "ch64.wav has 63 channel(s) but the array has 64 microphones: give a recording of 64 (one per microphone) or 128"},
         {"image --config cam.ini --in rate48.wav --out out", 1, "sampled at 48000 Hz; cam.ini expects 96000 Hz"},
         {"image --config cam.ini --in short.wav --out out", 1, "less than one frame"},
         {"image --config cam.ini --in missing.wav --out out", 1, "cannot read missing.wav"},

@@ -27,13 +27,11 @@ TEST(HeatMapPicture, LevelsPositionsAndSizes)
     opt.scale = 1;
     opt.markPeak = false;
     RgbImage img = renderHeatMap(map.data(), rows, cols, opt);
-    auto rgb = [&](const RgbImage& i, int x, int y) {
-        return std::array<uint8_t, 3>{i.at(x, y)[0], i.at(x, y)[1], i.at(x, y)[2]};
-    };
+    auto rgb = [&](int x, int y) { return std::array<uint8_t, 3>{img.at(x, y)[0], img.at(x, y)[1], img.at(x, y)[2]}; };
     ASSERT_EQ(std::make_pair(img.width, img.height), std::make_pair(cols, rows));
-    EXPECT_EQ(rgb(img, 2, 1), t[255]);
-    EXPECT_EQ(rgb(img, 0, 3), t[128]);
-    EXPECT_EQ(rgb(img, 4, 0), t[0]);
+    EXPECT_EQ(rgb(2, 1), t[255]);
+    EXPECT_EQ(rgb(0, 3), t[128]);
+    EXPECT_EQ(rgb(4, 0), t[0]);
     opt.scale = 8;
     img = renderHeatMap(map.data(), rows, cols, opt);
     EXPECT_EQ(std::make_pair(img.width, img.height), std::make_pair(cols * 8, rows * 8));

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <complex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "cli_support.h"
@@ -33,21 +34,14 @@ double tonePower(const std::vector<float>& x, double hz)
 TEST(ToolPickup, CellCarriesItsOwnSource)
 {
     std::string dir = dirFor("pickup");
-    writeText(joinPath(dir, "cam.ini"), smallCamera());
-    struct Case {
-        const char* bLevel;
-        const char* target;
-        double minDb, maxDb; // 25 kHz over 33 kHz in the output
-    };
-    const Case cases[] = {
-        {"-20", "--cell 4,3", 10, 99}, {"-20", "--cell 11,8", -99, -10}, {"-26", "--peak", 16, 99}};
-    for (const Case& c : cases) {
-        writeText(joinPath(dir, "scene.ini"), std::string("[scene]\nduration = 0.08\nmic_noise_db = -80\n"
-                                                          "[source a]\npixel = 4 3\nsignal = tone\nfrequency = 25000\n"
-                                                          "[source b]\npixel = 11 8\nsignal = tone\nfrequency = 33000\n"
-                                                          "level_db = ") + c.bLevel + "\n");
-        ASSERT_EQ(akudoa(dir, "simulate --config cam.ini --scene scene.ini --out rec.wav").status, 0);
-        ToolRun r = akudoa(dir, std::string("pickup --config cam.ini --in rec.wav --out p.wav ") + c.target);
+    // Source b's level, the target, the output's 25 over 33 kHz at least (negative: at most).
+    const std::tuple<std::string, const char*, double> cases[] = {
+        {"-20", "--cell 4,3", 10}, {"-20", "--cell 11,8", -10}, {"-26", "--peak", 16}};
+    for (const auto& [bLevel, target, leastDb] : cases) {
+        ASSERT_EQ(simulate(dir, std::string("[scene]\nduration = 0.08\nmic_noise_db = -80\n[source a]\npixel = 4 3\n"
+                                            "signal = tone\nfrequency = 25000\n[source b]\npixel = 11 8\nsignal = tone\n"
+                                            "frequency = 33000\nlevel_db = ") + bLevel + "\n").status, 0);
+        ToolRun r = akudoa(dir, std::string("pickup --config cam.ini --in rec.wav --out p.wav ") + target);
         ASSERT_EQ(r.status, 0) << r.out;
         int rate = 0;
         const std::vector<float> mic = readMono(joinPath(dir, "rec.wav"), 0, rate);
@@ -57,10 +51,7 @@ TEST(ToolPickup, CellCarriesItsOwnSource)
         auto db = [&](const std::vector<float>& x) {
             return 10 * std::log10(tonePower(x, 25000) / tonePower(x, 33000));
         };
-        if (std::string(c.bLevel) == "-20") {
-            EXPECT_NEAR(db(mic), 0.0, 1.0);
-        }
-        EXPECT_GE(db(out), c.minDb) << c.target;
-        EXPECT_LE(db(out), c.maxDb) << c.target;
+        if (bLevel == "-20") { EXPECT_NEAR(db(mic), 0.0, 1.0); }
+        EXPECT_GE(db(out) / leastDb, 1.0) << target << ": " << db(out) << " dB";
     }
 }

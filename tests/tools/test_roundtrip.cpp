@@ -5,10 +5,9 @@
 
 #include <cmath>
 #include <cstdio>
-#include <fstream>
+#include <cstring>
 #include <string>
 #include <tuple>
-#include <vector>
 
 #include "cli_support.h"
 #include "common.h"
@@ -45,16 +44,13 @@ TEST(ToolRoundTrip, SourcesPeakAtTheirPixels)
     std::string dir = dirFor("roundtrip");
     std::string focused = smallCamera();
     focused.replace(focused.find("rotate_mode = 1"), 15, "rotate_mode = 1\nfocus_distance_en = true\nfocus_distance = 1.2");
-    writeText(joinPath(dir, "far.ini"), smallCamera());
     writeText(joinPath(dir, "near.ini"), focused);
     struct Case { const char* cam; std::string scene; int row, col; };
-    const Case cases[] = {{"far.ini", scene("4 3", -20, -26), 4, 3}, {"far.ini", scene("4 3", -26, -20), 11, 8},
+    const Case cases[] = {{"cam.ini", scene("4 3", -20, -26), 4, 3}, {"cam.ini", scene("4 3", -26, -20), 11, 8},
                           {"near.ini", scene("2 9", -20), 2, 9}, {"near.ini", scene("13 1", -20), 13, 1}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.scene);
-        writeText(joinPath(dir, "scene.ini"), c.scene);
-        ToolRun sim = akudoa(dir, std::string("simulate --config ") + c.cam + " --scene scene.ini --out rec.wav");
-        ASSERT_EQ(sim.status, 0) << sim.out;
+        ASSERT_EQ(simulate(dir, c.scene, c.cam).status, 0);
         const SoundInfo wav = SoundReader(joinPath(dir, "rec.wav")).info();
         EXPECT_EQ(std::make_tuple(wav.channels, wav.sampleRate, wav.frames), std::make_tuple(128, 96000, int64_t{4800}));
         ToolRun img = akudoa(dir, std::string("image --config ") + c.cam + " --in rec.wav --out out --every 4 --scale 5");
@@ -76,22 +72,19 @@ TEST(ToolRoundTrip, SourcesPeakAtTheirPixels)
 
         // Raw maps: exactly 9 frames of 16 x 12 floats, the last frame's peak
         // as in the CSV.
-        std::ifstream raw(joinPath(dir, "out/heatmap.f32"), std::ios::binary);
-        std::vector<float> maps(9 * 192);
-        raw.read(reinterpret_cast<char*>(maps.data()), static_cast<std::streamsize>(maps.size() * 4));
-        ASSERT_TRUE(raw.good());
-        EXPECT_EQ(raw.get(), EOF) << "heatmap.f32 is longer than 9 maps";
-        EXPECT_FLOAT_EQ(maps[8 * 192 + c.row * 12 + c.col], static_cast<float>(level));
+        const std::string raw = slurp(joinPath(dir, "out/heatmap.f32"));
+        ASSERT_EQ(raw.size(), 9u * 192 * 4);
+        float last = 0;
+        std::memcpy(&last, raw.data() + 4 * (8 * 192 + c.row * 12 + c.col), 4);
+        EXPECT_FLOAT_EQ(last, static_cast<float>(level));
 
         // Every 4th frame as a PNG of (16 x 5) rows by (12 x 5) columns.
         for (int f = 0; f < 9; ++f) {
             char name[64];
             std::snprintf(name, sizeof name, "out/frame_%05d.png", f);
-            ASSERT_EQ(exists(joinPath(dir, name)), f % 4 == 0) << name;
-            if (f % 4 == 0) {
-                RgbImage png = readPng(joinPath(dir, name));
-                EXPECT_EQ(std::make_pair(png.height, png.width), std::make_pair(80, 60));
-            }
+            EXPECT_EQ(exists(joinPath(dir, name)), f % 4 == 0) << name;
         }
+        const RgbImage png = readPng(joinPath(dir, "out/frame_00008.png"));
+        EXPECT_EQ(std::make_pair(png.height, png.width), std::make_pair(80, 60));
     }
 }
