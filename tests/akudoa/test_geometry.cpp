@@ -3,33 +3,19 @@
 // unsupported counts.
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <cmath>
-#include <cstring>
-#include <functional>
-#include <limits>
-
 #include "kernel_fixture.h"
 
-using kerneltest::KernelTest;
+using namespace kerneltest;
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInf = std::numeric_limits<float>::infinity();
-
-struct Geometry {
-    int32_t index[128];
-    float phi[128];
-    float radius[128];
+template <int N> struct Layout { // as in a geometry file: indices, azimuths, radii
+    int32_t index[N];
+    float phi[N];
+    float radius[N];
 };
-
-struct GeometryFile {
-    int32_t index[8];
-    float phi[8];
-    float radius[8];
-};
+using Geometry = Layout<128>;
+using GeometryFile = Layout<8>;
 
 Geometry builtin(int count)
 {
@@ -69,7 +55,7 @@ TEST(Geometry, BuiltinLayouts)
             EXPECT_NEAR(g.phi[s.position], s.phi, 1e-6) << s.count << " " << s.position;
         }
         for (int i = 0; i < s.count; ++i) {
-            ASSERT_TRUE(g.index[i] >= 0 && g.index[i] < 128 && std::fabs(g.phi[i]) <= kPi + 1e-6) << s.count << " " << i;
+            ASSERT_TRUE(g.index[i] >= 0 && g.index[i] < 128 && std::fabs(g.phi[i]) <= M_PI + 1e-6) << s.count << " " << i;
             if (s.count > 16) {
                 ASSERT_TRUE(g.phi[i] == full.phi[g.index[i]] && g.radius[i] == full.radius[g.index[i]]) << i;
             }
@@ -156,14 +142,7 @@ TEST_F(KernelTest, UnsupportedMicCountExits)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (int count : {32, 0}) {
         const std::string cfg = ini(iniFor(count));
-        EXPECT_EXIT(
-            {
-                dup2(STDERR_FILENO, STDOUT_FILENO);
-                AKUDoaKernel k;
-                k.init(cfg.c_str());
-                std::exit(3);
-            },
-            ::testing::ExitedWithCode(0), "please set correct mic number!!!$")
-            << count;
+        EXPECT_EXIT((dup2(STDERR_FILENO, STDOUT_FILENO), AKUDoaKernel().init(cfg.c_str()), std::exit(3)), ::testing::ExitedWithCode(0),
+                    "please set correct mic number!!!$") << count;
     }
 }

@@ -1,8 +1,5 @@
 // Kernel configuration: the settings table (summary block, documentation,
 // accepted ranges), refused configurations, and what init builds.
-#include <algorithm>
-#include <cmath>
-#include <cstdlib>
 #include <fstream>
 #include <iomanip>
 #include <sstream>

@@ -1,26 +1,16 @@
 // Frame intake, heat-map readout, the target power, coordinate correction and
 // program control through the kernel, on small cameras.
-#include <gtest/gtest.h>
 
-#include <cmath>
 #include <sstream>
-#include <tuple>
 
 #include "AKUDoa/akudoacordinate_p.h"
 #include "AKUDoa/akudoaquantizev3.h"
 #include "AKUDoa/akudoaquantizev4.h"
 #include "kernel_fixture.h"
-#include "support/akudoagrid.h"
 
 using namespace kerneltest;
 
 namespace {
-
-// Capture frame (rows scattered through micIndex) of the sources.
-AkuMat capture(const StCamCfg& cfg, const std::vector<AkuSimSource>& sources)
-{
-    return AkuMat(akugrid_capture_frame(cfg, akugrid_frame(cfg, sources).get()));
-}
 
 // The kernel's engine kind and coordinate table are those of its program.
 void expectProgramParts(AKUDoaKernelPrivate* d, bool gridding)
