@@ -14,23 +14,18 @@ using kerneltest::KernelTest;
 
 namespace {
 
-// Label, value with every key missing, value with every key changed (the
-// INI below). Written once from the library's output before the table.
+// Name (printed after four spaces, padded to 29 columns, then "= value"),
+// value with every key missing, value with every key changed (the INI
+// below). Written once from the library's output before the table.
 const char* const kSummary[][3] = {
-    {"    Init Flag                    =", "0", "0"}, {"    Doa Select                   =", "3", "53"},
-    {"    SampleRate                   =", "96000", "48000"}, {"    FrameSize                    =", "1024", "512"},
-    {"    ChannalNum                   =", "128", "16"}, {"    ImageResRows                 =", "64", "32"},
-    {"    ImageResCols                 =", "48", "24"}, {"    ImageFac                     =", "10", "7"},
-    {"    ImageThetaXYFac              =", "1.3", "1.75"}, {"    AngleDomain                  =", "43", "50"},
-    {"    QuantizeiParamFromFileEnable =", "true", "false"}, {"    QuantizeiParamEnable         =", "true", "false"},
-    {"    FreqAverageEnable            =", "false", "true"}, {"    Focus Distance               =", "1", "2.25"},
-    {"    Focus Distance Enable        =", "false", "true"}, {"    Mic MaxRadius                =", "0.11", "0.11"},
-    {"    MeasureDisEnable             =", "true", "false"}, {"    MeasureDisRows               =", "11", "9"},
-    {"    MeasureDisCols               =", "11", "13"}, {"    TargetQuantizeFlag           =", "true", "false"},
-    {"    MicFile                      =", "", "/nonexistent/geom.bin"}, {"    MicSenCalibrationFile        =", "", "/nonexistent/sens.bin"},
-    {"    RotateMode                   =", "1", "3"}, {"    ImageCorrectionFlag          =", "1", "0"},
-    {"    ExtraEnable                  =", "true", "false"}, {"    ExtendRows                   =", "12", "12"},
-    {"    ExtendCols                   =", "12", "12"}, {"    Wave Scale dB                =", "0", "12.5"},
+    {"Init Flag", "0", "0"}, {"Doa Select", "3", "53"}, {"SampleRate", "96000", "48000"}, {"FrameSize", "1024", "512"}, {"ChannalNum", "128", "16"},
+    {"ImageResRows", "64", "32"}, {"ImageResCols", "48", "24"}, {"ImageFac", "10", "7"}, {"ImageThetaXYFac", "1.3", "1.75"},
+    {"AngleDomain", "43", "50"}, {"QuantizeiParamFromFileEnable", "true", "false"}, {"QuantizeiParamEnable", "true", "false"},
+    {"FreqAverageEnable", "false", "true"}, {"Focus Distance", "1", "2.25"}, {"Focus Distance Enable", "false", "true"},
+    {"Mic MaxRadius", "0.11", "0.11"}, {"MeasureDisEnable", "true", "false"}, {"MeasureDisRows", "11", "9"}, {"MeasureDisCols", "11", "13"},
+    {"TargetQuantizeFlag", "true", "false"}, {"MicFile", "", "/nonexistent/geom.bin"}, {"MicSenCalibrationFile", "", "/nonexistent/sens.bin"},
+    {"RotateMode", "1", "3"}, {"ImageCorrectionFlag", "1", "0"}, {"ExtraEnable", "true", "false"}, {"ExtendRows", "12", "12"},
+    {"ExtendCols", "12", "12"}, {"Wave Scale dB", "0", "12.5"},
 };
 
 const char* kEveryKey = "[AcousticCameraParam]\nimage_correction_flag = 0\nrotate_mode = 3\n"
@@ -83,8 +78,10 @@ TEST_F(KernelTest, SummaryBlockOfDefaultsAndOfEveryKeyChanged)
             EXPECT_EQ(c.rx1, -1.0f);
         }
         std::vector<std::string> want = {std::string(64, '-') + " "};
-        for (const auto& row : kSummary)
-            want.push_back(std::string(row[0]) + " " + row[1 + changed] + (*row[1 + changed] ? " " : ""));
+        for (const auto& row : kSummary) {
+            std::string name = row[0];
+            want.push_back("    " + name.append(29 - name.size(), ' ') + "= " + row[1 + changed] + (*row[1 + changed] ? " " : ""));
+        }
         want.push_back(want.front());
         want.push_back("doakernel init: load config success ");
         std::vector<std::string> got = bodies();
