@@ -6,9 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <limits>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <ftw.h>
@@ -17,8 +21,12 @@
 #include "AKUDoa/akudoakernel.h"
 #include "AKUDoa/akudoakernel_p.h"
 #include "AKUDoa/base/akudoalogging.h"
+#include "support/akudoagrid.h"
 
 namespace kerneltest {
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInf = std::numeric_limits<float>::infinity();
 
 inline std::vector<std::string>& capturedLines()
 {
@@ -28,24 +36,12 @@ inline std::vector<std::string>& capturedLines()
 
 inline void captureHandler(const char*, int, const char*, const char* message) { capturedLines().emplace_back(message ? message : ""); }
 
-// Strips the tag and the line end: "[AKUDOALIB] x \r\n" -> "x ".
-inline std::string body(std::string s)
-{
-    if (s.compare(0, 12, "[AKUDOALIB] ") == 0)
-        s.erase(0, 12);
-    if (s.size() >= 2 && s.compare(s.size() - 2, 2, "\r\n") == 0)
-        s.erase(s.size() - 2);
-    return s;
-}
-
 inline bool writeFile(const std::string& path, const void* data, size_t bytes)
 {
     FILE* f = std::fopen(path.c_str(), "wb");
     const bool ok = f && (bytes == 0 || std::fwrite(data, 1, bytes, f) == bytes);
     return f && std::fclose(f) == 0 && ok;
 }
-
-inline bool writeText(const std::string& path, const std::string& text) { return writeFile(path, text.data(), text.size()); }
 
 // Fixture: fresh temp dir per test, log captured, handler removed afterwards.
 class KernelTest : public ::testing::Test {
@@ -66,14 +62,18 @@ protected:
     // Writes an INI file and returns its path.
     std::string ini(const std::string& text, const std::string& name = "cfg.ini") const
     {
-        EXPECT_TRUE(writeText(path(name), text));
+        EXPECT_TRUE(writeFile(path(name), text.data(), text.size()));
         return path(name);
     }
+    // The log lines without tag and line end: "[AKUDOALIB] x \r\n" -> "x ".
     static std::vector<std::string> bodies()
     {
         std::vector<std::string> out;
-        for (const std::string& l : capturedLines())
-            out.push_back(body(l));
+        for (const std::string& l : capturedLines()) {
+            const size_t from = l.rfind("[AKUDOALIB] ", 0) == 0 ? 12 : 0;
+            const bool crlf = l.size() >= from + 2 && l.compare(l.size() - 2, 2, "\r\n") == 0;
+            out.push_back(l.substr(from, l.size() - from - (crlf ? 2 : 0)));
+        }
         return out;
     }
     static bool logged(const std::string& text)
@@ -112,6 +112,12 @@ inline std::string cameraIni(int mics, int frameSize, int rows, int cols, int pr
            n(cols) + "\nimage_correction_flag = " + n(correction) + (rotate < 0 ? "" : "\nrotate_mode = " + n(rotate)) +
            "\nrx1 = 0\nrx2 = 0\nrx3 = 1\nry1 = 0\nry2 = 1\nry3 = 0\ndistanceMeasure_en = false\n[DOA]\nextra_en = false\n"
            "DOAVersionSelect = " + n(program) + "\n" + more;
+}
+
+// Capture frame (rows scattered through micIndex) of the sources.
+inline AkuMat capture(const StCamCfg& cfg, const std::vector<AkuSimSource>& sources)
+{
+    return AkuMat(akugrid_capture_frame(cfg, akugrid_frame(cfg, sources).get()));
 }
 
 } // namespace kerneltest

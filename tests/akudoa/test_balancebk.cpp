@@ -26,8 +26,7 @@ TEST(BalanceBK, MatchesMirroredWindowReference)
         StCamCfg cfg{};
         cfg.imageResolutionRow = k.rows, cfg.imageResolutionCol = k.cols, cfg.extendRows = k.padRows, cfg.extendCols = k.padCols;
         bk.doaInit(&cfg);
-        mat2d_fp32* in = create_mat2d_fp32(k.rows, k.cols);
-        mat2d_fp32* out = create_mat2d_fp32(k.rows, k.cols);
+        mat2d_fp32 *in = create_mat2d_fp32(k.rows, k.cols), *out = create_mat2d_fp32(k.rows, k.cols);
         for (int r = 0; r < k.rows; ++r)
             for (int c = 0; c < k.cols; ++c)
                 in->data[r][c] = (k.zeroEvery && (r * 7 + c) % k.zeroEvery == 0) ? 0.0f : uni(rng) * k.scale, out->data[r][c] = -7.0f;
@@ -51,7 +50,6 @@ TEST(BalanceBK, MatchesMirroredWindowReference)
                 const double q = ratio[r * k.cols + c], want = q > thr ? (q - thr) * 1e-4 : 0.0;
                 ASSERT_NEAR(out->data[r][c], want, 1e-9 + 1e-5 * want) << r << "," << c;
             }
-        destroy_mat2d_fp32(in);
-        destroy_mat2d_fp32(out);
+        destroy_mat2d_fp32(in), destroy_mat2d_fp32(out);
     }
 }

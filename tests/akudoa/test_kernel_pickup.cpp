@@ -1,17 +1,13 @@
 // The kernel's picked-up audio path: the three-buffer frame ring, the target
 // correction, the pickup window, and listening where the heat map shows a
 // source.
-#include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
-#include <tuple>
 
 #include "AKUDoa/akudoapickupv4.h"
 #include "AKUDoa/akudoapickupv4_p.h"
 #include "AKUDoa/base/akufftwindow.h"
 #include "kernel_fixture.h"
-#include "support/akudoagrid.h"
 
 struct AKUDoaPickupV4Access {
     static AKUDoaPickupV4Private* d(AKUDoaPickupV4& p) { return p.d; }
@@ -77,7 +73,7 @@ TEST_F(KernelTest, PickupAtTheHeatMapPeakFavoursThatSource)
         AkuSimSource a, b;
         a.x = 0.12, a.y = -0.08, a.seed = 8;
         b.x = -0.15, b.y = 0.1, b.seed = 9;
-        AkuMat capA(akugrid_capture_frame(cfg, akugrid_frame(cfg, {a}).get())), capB(akugrid_capture_frame(cfg, akugrid_frame(cfg, {b}).get()));
+        AkuMat capA = capture(cfg, {a}), capB = capture(cfg, {b});
         AkuMat heat = akumat(rows, cols);
         ASSERT_TRUE(k.readHeatMap(capA.get(), heat.get(), nullptr, 0));
         int pr, pc;
