@@ -115,6 +115,10 @@ TEST_F(CacheTest, DamagedPairIsRejectedAndRebuilt)
     };
     Engine{small()};
     const std::vector<Bytes> good = contents(path("a"));
+    StCamCfg folded = small();
+    folded.compactSteering = true;
+    kerneltest::capturedLines().clear(), Engine{folded};
+    EXPECT_FALSE(logHas("rejected")) << "a folded load is checked as it reads";
     for (const auto& [what, file, damage, fixChecksum, reason] : cases) {
         SCOPED_TRACE(what);
         const std::vector<fs::path> f = cacheFiles(path("a"));

@@ -2,8 +2,6 @@
 // the image, and that every bin's spectrum is kept whatever the band.
 #include <gtest/gtest.h>
 
-#include <cmath>
-
 #include "AKUDoa/akudoaquantizev3.h"
 #include "AKUDoa/akudoaquantizev4.h"
 #include "AKUDoa/akudoaquantizev4_p.h"
@@ -21,9 +19,9 @@ std::vector<float> fftMeanRows(Engine& engine)
     return all;
 }
 
-// A second frame images as the first; gains of 1/4 on every bin scale the summed power by exactly 1/4, so the
-// amplitude image halves exactly; and a narrow band leaves every other bin's
-// spectrum as a full-band frame computes it.
+// A second frame images as the first; gains of 1/4 on every bin scale the
+// summed power by exactly 1/4, so the amplitude image halves exactly; and a
+// narrow band leaves every other bin's spectrum as a full band computes it.
 template <class Engine>
 void checkFrame(const StCamCfg& base, const char* name)
 {
@@ -59,19 +57,6 @@ TEST(PlanarFrame, GainsScaleTheImageAndEveryBinKeepsItsSpectrum)
     v3.freqAverage = true;
     checkFrame<AKUDoaQuantizeV3>(v3, "V3 averaged");
     checkFrame<AKUDoaQuantizeV4>(akugrid_camera(16, 12, 8, 256, 4), "V4");
-
-    // The two engines gather their spectra by separate code from the same
-    // transforms: every bin agrees.
-    const StCamCfg c3 = akugrid_camera(16, 12, 8, 256), c4 = akugrid_camera(16, 12, 8, 256, 4);
-    const AkuMat frame = akugrid_frame(c3, {akugrid_far_source(c3, 2, 3)});
-    AkuImager<AKUDoaQuantizeV3> a(c3);
-    AkuImager<AKUDoaQuantizeV4> b(c4);
-    a.image(frame.get());
-    b.image(frame.get());
-    const std::vector<float> sa = fftMeanRows(a.engine), sb = fftMeanRows(b.engine);
-    ASSERT_EQ(sa.size(), sb.size());
-    for (size_t i = 0; i < sa.size(); ++i)
-        ASSERT_NEAR(sa[i], sb[i], 1e-5f * (1.0f + std::fabs(sa[i]))) << i;
 }
 
 } // namespace
