@@ -467,26 +467,10 @@ void akudoa_planar_frame(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_f
             if (!inBand[static_cast<size_t>(b)])
                 akudoa_planar_spectrum_row(d, b, average);
 
-        // Each pixel sums its bins in band order, so the image does not
-        // depend on which thread finished which row; threads take disjoint
-        // pixel ranges.
 #pragma omp for schedule(static)
-        for (int p0 = 0; p0 < P; p0 += kPixelChunk) {
-            const int p1 = std::min(P, p0 + kPixelChunk);
-            std::fill(heat + p0, heat + p1, 0.0f);
-            for (int b : rows) {
-                if (regression) {
-                    const float* in = d->gprBins->data[b];
-                    for (int p = p0; p < p1; ++p)
-                        heat[p] += in[p];
-                } else {
-                    const float* in = d->beamPower->data[b];
-                    const float w = akudoa_planar_bin_gain(d, b);
-                    for (int p = p0; p < p1; ++p)
-                        heat[p] = std::fmaf(in[p], w, heat[p]);
-                }
-            }
-        }
+        for (int p0 = 0; p0 < P; p0 += kPixelChunk)
+            akudoa_sum_rows(heat, p0, std::min(P, p0 + kPixelChunk), rows,
+                            regression ? d->gprBins->data : d->beamPower->data, regression ? nullptr : d->cfg);
     }
 
     akudoa_planar_finish(d, self, heatMap);
@@ -627,11 +611,6 @@ void akudoa_planar_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b, bo
     // Without self terms: minus sum |X_m|^2 (re and -im of every channel).
     const float offset = self ? 0.0f : -q.vec_power_fp32(d->fftData->data[b], 2u * d->micNum);
     akudoa_planar_norm_offset(d->beamComplex, d->beamPower, offset, b);
-}
-
-float akudoa_planar_bin_gain(const AKUDoaQuantizeV3Private* d, int b)
-{
-    return b < AKUDOA_MAX_SENSITIVITY_BINS ? d->cfg->micSensitivity[b] : 1.0f;
 }
 
 void akudoa_planar_finish(AKUDoaQuantizeV3Private* d, bool self, mat2d_fp32* heatMap)

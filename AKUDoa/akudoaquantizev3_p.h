@@ -102,8 +102,6 @@ void akudoa_planar_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b, bo
 // that differ from the conjugate of pixel p's block by one unit, and by
 // more than one.
 void akudoa_planar_mirror_diff(const AKUDoaQuantizeV3Private* d, long& oneUnit, long& larger);
-// Sensitivity gain of table row b (1 beyond the configured table).
-float akudoa_planar_bin_gain(const AKUDoaQuantizeV3Private* d, int b);
 // One frame: channel FFTs, spectra, the table rows `rows` (distinct, in
 // band order) into beamPower (and gprBins with `regression`), their sum in
 // that order into heatSum, then akudoa_planar_finish into heatMap.

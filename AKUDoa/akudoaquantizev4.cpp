@@ -38,11 +38,6 @@ inline int entryRow(const std::vector<doaFreqInfo>& L, int k, bool average)
     return average ? (L.at(static_cast<size_t>(k)).bin >> 1) : L.at(static_cast<size_t>(k)).bin;
 }
 
-inline float sensitivity(const StCamCfg* cfg, int b)
-{
-    return b < AKUDOA_MAX_SENSITIVITY_BINS ? cfg->micSensitivity[b] : 1.0f;
-}
-
 // Grid coordinate of a kernel tap. Taps past the grid edge wrap around (the
 // transform is periodic); with the configured array sizes and sample rates
 // every kernel lies inside the grid and this is the identity.
@@ -615,20 +610,10 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
 #pragma omp for schedule(dynamic, 1)
         for (int e = 0; e < count; ++e)
             imageBin(this, d, g, tables, rowsOf[static_cast<size_t>(e)]);
-        // Each pixel sums its bins in band order, so the image does not
-        // depend on which thread imaged which bin.
         if (!regression) {
 #pragma omp for schedule(static)
-            for (int p0 = 0; p0 < P; p0 += kPixelChunk) {
-                const int p1 = std::min(P, p0 + kPixelChunk);
-                std::fill(heat + p0, heat + p1, 0.0f);
-                for (int b : rowsOf) {
-                    const float* in = d->binMaps->data[b];
-                    const float w = sensitivity(d->cfg, b);
-                    for (int p = p0; p < p1; ++p)
-                        heat[p] = std::fmaf(in[p], w, heat[p]);
-                }
-            }
+            for (int p0 = 0; p0 < P; p0 += kPixelChunk)
+                akudoa_sum_rows(heat, p0, std::min(P, p0 + kPixelChunk), rowsOf, d->binMaps->data, d->cfg);
         }
     }
 
@@ -712,7 +697,7 @@ float AKUDoaQuantizeV4::getPaWithTarget(fpoint2d target, AKUDoaFreqBands& bands)
     for (const doaFreqInfo& e : L) {
         if (e.bin < 0 || e.bin >= d->binNum)
             continue;
-        sum = std::fmaf(d->binMaps->data[e.bin][idx], sensitivity(d->cfg, e.bin), sum);
+        sum = std::fmaf(d->binMaps->data[e.bin][idx], akudoa_bin_gain(d->cfg, e.bin), sum);
     }
     return akudoa_target_amplitude(sum, M, d->frameSize, d->spectrumSelf);
 }

@@ -1,5 +1,6 @@
 #include "AKUDoa/iakudoaquantize.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "AKUDoa/iakudoaquantize_p.h"
@@ -68,6 +69,23 @@ void akudoa_spectrum_row(const akudoa_fftwf_complex* const* spectra, int M, int 
         row[M + m] = -im;
         row[2 * M + m] = im;
         row[3 * M + m] = re;
+    }
+}
+
+float akudoa_bin_gain(const StCamCfg* cfg, int b)
+{
+    return b < AKUDOA_MAX_SENSITIVITY_BINS ? cfg->micSensitivity[b] : 1.0f;
+}
+
+void akudoa_sum_rows(float* heat, int p0, int p1, const std::vector<int>& rows, float* const* maps,
+                     const StCamCfg* cfg)
+{
+    std::fill(heat + p0, heat + p1, 0.0f);
+    for (int b : rows) {
+        const float* in = maps[b];
+        const float w = cfg ? akudoa_bin_gain(cfg, b) : 1.0f;
+        for (int p = p0; p < p1; ++p)
+            heat[p] = std::fmaf(in[p], w, heat[p]);
     }
 }
 

@@ -2,7 +2,9 @@
 #define AKUDOA_IAKUDOAQUANTIZE_P_H
 
 #include <cstdint>
+#include <vector>
 
+#include "AKUDoa/akudoacamcfg.h"
 #include "AKUDoa/base/akudoamatrix.h"
 
 // Row-level forms of the quantization primitives. The matrix primitives of
@@ -29,6 +31,17 @@ void akudoa_reverse_power_spectrum(const float* x, int available, vec_fp32* spec
 // and 2b + 1 summed. `pairs`, when not null, receives (re, im) per channel.
 void akudoa_spectrum_row(const akudoa_fftwf_complex* const* spectra, int M, int b, bool average, float* row,
                          akudoa_fftwf_complex* pairs = nullptr);
+
+// Sensitivity gain of table row b (1 beyond the configured table).
+float akudoa_bin_gain(const StCamCfg* cfg, int b);
+
+// heat[p] for p0 <= p < p1: the sum over `rows`, in their order, of
+// maps[b][p] times the row's gain, or times 1 without a configuration
+// (fma with 1 is the plain sum). Each pixel sums its rows in band order, so
+// the image does not depend on which thread produced which row; threads
+// take disjoint pixel ranges.
+void akudoa_sum_rows(float* heat, int p0, int p1, const std::vector<int>& rows, float* const* maps,
+                     const StCamCfg* cfg);
 
 // One element of the rounding rule: s2 = 2 * scale. In range |s2 * x| is at
 // most 254; a non-finite or huge product (a NaN or infinite sample, a zero
