@@ -114,6 +114,16 @@ AKUDoaQuantizeV4::AKUDoaQuantizeV4()
 {
 }
 
+static void destroyPlans(fftwf_plan* plans, int n)
+{
+    if (!plans)
+        return;
+    for (int i = 0; i < n; ++i)
+        if (plans[i])
+            fftwf_destroy_plan(plans[i]);
+    std::free(plans);
+}
+
 AKUDoaQuantizeV4::~AKUDoaQuantizeV4()
 {
     if (d->micPlans) {
@@ -122,12 +132,9 @@ AKUDoaQuantizeV4::~AKUDoaQuantizeV4()
                 fftwf_destroy_plan(d->micPlans[m]);
         std::free(d->micPlans);
     }
-    if (d->gridPlans) {
-        for (int b = 0; b < d->binNum; ++b)
-            if (d->gridPlans[b])
-                fftwf_destroy_plan(d->gridPlans[b]);
-        std::free(d->gridPlans);
-    }
+    destroyPlans(d->gridPlans, d->binNum);
+    destroyPlans(d->columnPlans, d->binNum);
+    destroyPlans(d->rowPlans, 2 * d->binNum);
     destroy_vec_fp32(d->fftWindow);
     destroy_mat2d_fp32(d->cellAmp);
     destroy_mat2d_fp32(d->kernelX);
@@ -147,6 +154,55 @@ AKUDoaQuantizeV4::~AKUDoaQuantizeV4()
     destroy_vec_fp32(d->binScratch);
     delete d->cluster;
     delete d;
+}
+
+// The pruned transform of every bin. Rows of gridIn outside [lo, hi) and
+// columns outside [left, right) stay zero, so the 2-D transform needs the
+// second-axis transforms of the covered columns only, and the readout reads
+// only NC rows of the result (q = (H + o + 2 + c) mod G, possibly wrapping
+// into two pieces). The gridding addresses rows with stride S, which is the
+// row length of the plan only when G is even; otherwise the 2-D plan stays.
+static void createPrunedPlans(AKUDoaQuantizeV4Private* d)
+{
+    const int G = d->gridSize;
+    const AKUDoaV4Geometry g = akudoa_v4_geometry(d->rows, d->cols);
+    if (g.S != G)
+        return;
+    const int B = d->binNum;
+    d->columnPlans = static_cast<fftwf_plan*>(std::calloc(static_cast<size_t>(B), sizeof(fftwf_plan)));
+    d->rowPlans = static_cast<fftwf_plan*>(std::calloc(2 * static_cast<size_t>(B), sizeof(fftwf_plan)));
+    const int first = (g.H + g.o + 2) % G;
+    const int pieces[2][2] = {{first, std::min(first + d->cols, G)}, {0, std::max(first + d->cols - G, 0)}};
+    int n = G;
+    for (int b = 0; b < B; ++b) {
+        fftwf_complex* in = reinterpret_cast<fftwf_complex*>(d->gridIn->data[b]);
+        fftwf_complex* out = reinterpret_cast<fftwf_complex*>(d->gridOut->data[b]);
+        const int left = d->gridCols[2 * static_cast<size_t>(b)];
+        const int right = d->gridCols[2 * static_cast<size_t>(b) + 1];
+        if (left < right) // no microphones, nothing covered: the grid stays zero
+            d->columnPlans[b] = fftwf_plan_many_dft(1, &n, right - left, in + left, nullptr, G, 1, in + left, nullptr,
+                                                    G, 1, FFTW_FORWARD, FFTW_ESTIMATE);
+        for (int k = 0; k < 2; ++k) {
+            const int lo = pieces[k][0], hi = pieces[k][1];
+            if (lo < hi)
+                d->rowPlans[2 * b + k] =
+                    fftwf_plan_many_dft(1, &n, hi - lo, in + static_cast<size_t>(lo) * G, nullptr, 1, G,
+                                        out + static_cast<size_t>(lo) * G, nullptr, 1, G, FFTW_FORWARD, FFTW_ESTIMATE);
+        }
+    }
+}
+
+void akudoa_v4_transform(const AKUDoaQuantizeV4Private* d, int b)
+{
+    if (!d->columnPlans) {
+        fftwf_execute(d->gridPlans[b]);
+        return;
+    }
+    if (d->columnPlans[b])
+        fftwf_execute(d->columnPlans[b]);
+    for (int k = 0; k < 2; ++k)
+        if (d->rowPlans[2 * b + k])
+            fftwf_execute(d->rowPlans[2 * b + k]);
 }
 
 void AKUDoaQuantizeV4::doaInit(StCamCfg* cfg)
@@ -204,20 +260,26 @@ void AKUDoaQuantizeV4::doaInit(StCamCfg* cfg)
 
     createQuantizeParam();
     createFocusDisParam();
-    // Grid rows each bin's kernels cover; a kernel past the edge wraps and
-    // may reach any row.
+    // Grid rows and columns each bin's kernels cover; a kernel past the edge
+    // wraps and may reach any row or column.
     d->gridRows.assign(2 * static_cast<size_t>(B), 0);
+    d->gridCols.assign(2 * static_cast<size_t>(B), 0);
     for (int b = 0; b < B; ++b) {
         const int* idx = d->cellIndex->data[b];
-        int lo = G, hi = 0;
+        int lo = G, hi = 0, left = G, right = 0;
         for (int m = 0; m < M; ++m) {
             const bool inside = idx[m] >= 0 && idx[M + m] >= 0 && idx[m] + kTaps <= G && idx[M + m] + kTaps <= G;
             lo = inside ? std::min(lo, idx[M + m]) : 0;
             hi = inside ? std::max(hi, idx[M + m] + kTaps) : G;
+            left = inside ? std::min(left, idx[m]) : 0;
+            right = inside ? std::max(right, idx[m] + kTaps) : G;
         }
         d->gridRows[2 * static_cast<size_t>(b)] = lo;
         d->gridRows[2 * static_cast<size_t>(b) + 1] = hi;
+        d->gridCols[2 * static_cast<size_t>(b)] = left;
+        d->gridCols[2 * static_cast<size_t>(b) + 1] = right;
     }
+    createPrunedPlans(d);
 
     // The frequencies assume 48 kHz and 1024 samples whatever the
     // configuration says; the line is defined that way.
@@ -435,14 +497,24 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
     akudoa_fftwf_complex* grid = d->gridIn->data[b];
     const int* idx = d->cellIndex->data[b];
 
-    // Only the rows the gridding writes can be non-zero (the transform
-    // leaves its input alone): clear those, about a third of the grid.
-    const int lo = d->gridRows[2 * static_cast<size_t>(b)];
-    const int hi = d->gridRows[2 * static_cast<size_t>(b) + 1];
-    if (lo < hi) {
-        const size_t first = static_cast<size_t>(lo) * S;
-        const size_t end = std::min(static_cast<size_t>(hi - 1) * S + G, static_cast<size_t>(G) * G);
-        std::memset(grid + first, 0, sizeof(akudoa_fftwf_complex) * (end - first));
+    // Only what the last transform wrote can be non-zero: the covered
+    // columns of every row after a pruned one (it works in place), the
+    // covered rows after the 2-D plan (it leaves its input alone). Either is
+    // about a third of the grid.
+    if (d->columnPlans) {
+        const int left = d->gridCols[2 * static_cast<size_t>(b)];
+        const int right = d->gridCols[2 * static_cast<size_t>(b) + 1];
+        const size_t width = sizeof(akudoa_fftwf_complex) * static_cast<size_t>(std::max(right - left, 0));
+        for (int j = 0; j < G && width; ++j)
+            std::memset(grid + static_cast<size_t>(j) * G + left, 0, width);
+    } else {
+        const int lo = d->gridRows[2 * static_cast<size_t>(b)];
+        const int hi = d->gridRows[2 * static_cast<size_t>(b) + 1];
+        if (lo < hi) {
+            const size_t first = static_cast<size_t>(lo) * S;
+            const size_t end = std::min(static_cast<size_t>(hi - 1) * S + G, static_cast<size_t>(G) * G);
+            std::memset(grid + first, 0, sizeof(akudoa_fftwf_complex) * (end - first));
+        }
     }
 
     // Gridding: each microphone's value spread over its 9 x 9 kernel, the
@@ -503,7 +575,7 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
             }
         }
     }
-    fftwf_execute(d->gridPlans[b]);
+    akudoa_v4_transform(d, b);
 
     // Readout: the microphones' own power sum |X_m|^2 is part of every
     // pixel's squared beam; removing it leaves the cross terms.

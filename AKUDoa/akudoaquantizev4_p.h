@@ -39,9 +39,17 @@ struct AKUDoaQuantizeV4Private {
     mat2d_fp32* windowed = nullptr;  // M x N windowed samples (plan input)
     mat2d_fftwfcplx* micSpectra = nullptr; // M x N (plan output, N/2+1 written; the rest stays 0)
     fftwf_plan* gridPlans = nullptr; // B forward 2-D plans of G x G, system heap
-    mat2d_fftwfcplx* gridIn = nullptr;  // B x G^2: gridded spectrum of each bin
+    // The same transform pruned to what is non-zero and what is read (see
+    // akudoa_v4_transform): B in-place plans along the second axis over the
+    // columns the kernels cover, then 2B plans along the first axis of the
+    // grid rows the readout reads (into gridOut; a second piece where those
+    // rows wrap, else null). Null when the grid stride is not G.
+    fftwf_plan* columnPlans = nullptr;
+    fftwf_plan* rowPlans = nullptr;
+    mat2d_fftwfcplx* gridIn = nullptr;  // B x G^2: gridded spectrum of each bin (column transform after a pruned frame)
     mat2d_fftwfcplx* gridOut = nullptr; // B x G^2: its transform
     std::vector<int> gridRows;          // 2B: rows [lo, hi) of gridIn that bin b's kernels cover
+    std::vector<int> gridCols;          // 2B: columns [lo, hi) of the same
     vec_fp32* binScratch = nullptr;  // B, unused by the imaging itself
     bool spectrumSelf = false;
     bool focusRadiusMode = false;    // stored, not read by this engine
@@ -64,6 +72,14 @@ struct AKUDoaV4Geometry {
 };
 
 AKUDoaV4Geometry akudoa_v4_geometry(int rows, int cols);
+
+// Transform of bin b's grid, gridIn[b] -> gridOut[b]. With the pruned plans
+// only the covered columns are transformed (in place) and only the rows the
+// readout reads are finished, about half the work of the 2-D plan; gridOut
+// then holds those rows and gridIn must be cleared over the covered columns
+// of every row before the next gridding. Otherwise the 2-D plan runs and
+// gridIn is left as it was.
+void akudoa_v4_transform(const AKUDoaQuantizeV4Private* d, int b);
 
 // Nearest node of the G x G grid with axes ax (first index i) and ay
 // (second index j) to the point (sx, sy): node n = i * G + j minimising the

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
+#include <utility>
 
 #include "AKUDoa/akudoaquantizev4.h"
 #include "AKUDoa/akudoaquantizev4_p.h"
@@ -126,5 +128,29 @@ TEST(V4Physics, SourcesAppearAtTheirPixels)
                     }
             }
         }
+    }
+}
+
+// The pruned transform (covered columns, read rows) images as the 2-D plan
+// does, frame after frame; an odd grid keeps the 2-D plan.
+TEST(V4Grid, PrunedTransformImagesAsTheFullOne)
+{
+    struct Case { int mics, rows, cols; };
+    for (const Case& cs : {Case{16, 32, 24}, Case{64, 64, 48}, Case{16, 24, 31}}) {
+        SCOPED_TRACE(testing::Message() << cs.mics << " mics " << cs.rows << "x" << cs.cols);
+        V4 im(akugrid_camera(cs.mics, cs.rows, cs.cols, 1024, 4));
+        AKUDoaQuantizeV4Private* d = const_cast<AKUDoaQuantizeV4Private*>(im.engine.privateData());
+        ASSERT_EQ(d->columnPlans != nullptr, d->gridSize % 2 == 0);
+        AkuMat frame = akugrid_frame(im.cfg, {akugrid_gridding_source(im.cfg, 3, 5), akugrid_gridding_source(im.cfg, cs.rows - 6, cs.cols / 2, 0.0, 2)});
+        im.image(frame.get());
+        const std::vector<float> pruned = im.image(frame.get());
+        fftwf_plan* columnPlans = std::exchange(d->columnPlans, nullptr);
+        for (int b = 0; b < d->binNum; ++b)
+            std::fill_n(&d->gridIn->data[b][0][0], 2 * static_cast<size_t>(d->gridIn->cols), 0.0f);
+        const std::vector<float> full = im.image(frame.get());
+        d->columnPlans = columnPlans;
+        const float peak = *std::max_element(full.begin(), full.end());
+        for (size_t i = 0; i < full.size(); ++i)
+            ASSERT_NEAR(pruned[i], full[i], 1e-4f * peak) << "pixel " << i;
     }
 }
