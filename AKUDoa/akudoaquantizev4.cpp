@@ -132,9 +132,10 @@ AKUDoaQuantizeV4::~AKUDoaQuantizeV4()
                 fftwf_destroy_plan(d->micPlans[m]);
         std::free(d->micPlans);
     }
-    destroyPlans(d->gridPlans, d->binNum);
+    if (d->gridPlan)
+        fftwf_destroy_plan(d->gridPlan);
     destroyPlans(d->columnPlans, d->binNum);
-    destroyPlans(d->rowPlans, 2 * d->binNum);
+    destroyPlans(d->rowPlans, 2);
     destroy_vec_fp32(d->fftWindow);
     destroy_mat2d_fp32(d->cellAmp);
     destroy_mat2d_fp32(d->kernelX);
@@ -156,12 +157,14 @@ AKUDoaQuantizeV4::~AKUDoaQuantizeV4()
     delete d;
 }
 
-// The pruned transform of every bin. Rows of gridIn outside [lo, hi) and
-// columns outside [left, right) stay zero, so the 2-D transform needs the
+// The pruned transform of every bin. Rows of a grid outside [lo, hi) and
+// columns outside [left, right) are zero, so the 2-D transform needs the
 // second-axis transforms of the covered columns only, and the readout reads
 // only NC rows of the result (q = (H + o + 2 + c) mod G, possibly wrapping
 // into two pieces). The gridding addresses rows with stride S, which is the
 // row length of the plan only when G is even; otherwise the 2-D plan stays.
+// Plans are made on the first worker's grid and run on any worker's: the
+// grids are allocated alike, so the offsets keep their alignment.
 static void createPrunedPlans(AKUDoaQuantizeV4Private* d)
 {
     const int G = d->gridSize;
@@ -170,39 +173,46 @@ static void createPrunedPlans(AKUDoaQuantizeV4Private* d)
         return;
     const int B = d->binNum;
     d->columnPlans = static_cast<fftwf_plan*>(std::calloc(static_cast<size_t>(B), sizeof(fftwf_plan)));
-    d->rowPlans = static_cast<fftwf_plan*>(std::calloc(2 * static_cast<size_t>(B), sizeof(fftwf_plan)));
-    const int first = (g.H + g.o + 2) % G;
-    const int pieces[2][2] = {{first, std::min(first + d->cols, G)}, {0, std::max(first + d->cols - G, 0)}};
+    d->rowPlans = static_cast<fftwf_plan*>(std::calloc(2, sizeof(fftwf_plan)));
+    fftwf_complex* in = reinterpret_cast<fftwf_complex*>(d->gridIn->data[0]);
+    fftwf_complex* out = reinterpret_cast<fftwf_complex*>(d->gridOut->data[0]);
     int n = G;
     for (int b = 0; b < B; ++b) {
-        fftwf_complex* in = reinterpret_cast<fftwf_complex*>(d->gridIn->data[b]);
-        fftwf_complex* out = reinterpret_cast<fftwf_complex*>(d->gridOut->data[b]);
         const int left = d->gridCols[2 * static_cast<size_t>(b)];
         const int right = d->gridCols[2 * static_cast<size_t>(b) + 1];
         if (left < right) // no microphones, nothing covered: the grid stays zero
             d->columnPlans[b] = fftwf_plan_many_dft(1, &n, right - left, in + left, nullptr, G, 1, in + left, nullptr,
                                                     G, 1, FFTW_FORWARD, FFTW_ESTIMATE);
-        for (int k = 0; k < 2; ++k) {
-            const int lo = pieces[k][0], hi = pieces[k][1];
-            if (lo < hi)
-                d->rowPlans[2 * b + k] =
-                    fftwf_plan_many_dft(1, &n, hi - lo, in + static_cast<size_t>(lo) * G, nullptr, 1, G,
-                                        out + static_cast<size_t>(lo) * G, nullptr, 1, G, FFTW_FORWARD, FFTW_ESTIMATE);
-        }
+    }
+    const int first = (g.H + g.o + 2) % G;
+    const int pieces[2][2] = {{first, std::min(first + d->cols, G)}, {0, std::max(first + d->cols - G, 0)}};
+    for (int k = 0; k < 2; ++k) {
+        const int lo = pieces[k][0], hi = pieces[k][1];
+        d->readRows[k] = lo;
+        if (lo < hi)
+            d->rowPlans[k] = fftwf_plan_many_dft(1, &n, hi - lo, in + static_cast<size_t>(lo) * G, nullptr, 1, G,
+                                                 out + static_cast<size_t>(lo) * G, nullptr, 1, G, FFTW_FORWARD,
+                                                 FFTW_ESTIMATE);
     }
 }
 
-void akudoa_v4_transform(const AKUDoaQuantizeV4Private* d, int b)
+void akudoa_v4_transform(const AKUDoaQuantizeV4Private* d, int b, int slot)
 {
+    fftwf_complex* in = reinterpret_cast<fftwf_complex*>(d->gridIn->data[slot]);
+    fftwf_complex* out = reinterpret_cast<fftwf_complex*>(d->gridOut->data[slot]);
     if (!d->columnPlans) {
-        fftwf_execute(d->gridPlans[b]);
+        fftwf_execute_dft(d->gridPlan, in, out);
         return;
     }
+    const int G = d->gridSize;
+    const int left = d->gridCols[2 * static_cast<size_t>(b)];
     if (d->columnPlans[b])
-        fftwf_execute(d->columnPlans[b]);
+        fftwf_execute_dft(d->columnPlans[b], in + left, in + left);
     for (int k = 0; k < 2; ++k)
-        if (d->rowPlans[2 * b + k])
-            fftwf_execute(d->rowPlans[2 * b + k]);
+        if (d->rowPlans[k]) {
+            const size_t first = static_cast<size_t>(d->readRows[k]) * G;
+            fftwf_execute_dft(d->rowPlans[k], in + first, out + first);
+        }
 }
 
 void AKUDoaQuantizeV4::doaInit(StCamCfg* cfg)
@@ -242,9 +252,10 @@ void AKUDoaQuantizeV4::doaInit(StCamCfg* cfg)
     // Zero-filled: with averaging the last bin adds entry N/2 + 1, which the
     // FFT never writes.
     d->micSpectra = create_mat2d_fftwfcplx(M, N);
-    d->gridPlans = static_cast<fftwf_plan*>(std::calloc(static_cast<size_t>(B), sizeof(fftwf_plan)));
-    d->gridIn = create_mat2d_fftwfcplx(B, G * G);
-    d->gridOut = create_mat2d_fftwfcplx(B, G * G);
+    // One grid per worker: a bin's grid lives only while the bin is imaged.
+    d->gridSlots = std::max(omp_get_max_threads(), 1);
+    d->gridIn = create_mat2d_fftwfcplx(d->gridSlots, G * G);
+    d->gridOut = create_mat2d_fftwfcplx(d->gridSlots, G * G);
     d->binScratch = create_vec_fp32(B);
 
     // FFTW's planner is not thread safe: every plan is made here, on the
@@ -253,10 +264,9 @@ void AKUDoaQuantizeV4::doaInit(StCamCfg* cfg)
         d->micPlans[m] = fftwf_plan_dft_r2c_1d(N, d->windowed->data[m],
                                                reinterpret_cast<fftwf_complex*>(d->micSpectra->data[m]),
                                                FFTW_ESTIMATE);
-    for (int b = 0; b < B; ++b)
-        d->gridPlans[b] = fftwf_plan_dft_2d(G, G, reinterpret_cast<fftwf_complex*>(d->gridIn->data[b]),
-                                            reinterpret_cast<fftwf_complex*>(d->gridOut->data[b]), FFTW_FORWARD,
-                                            FFTW_ESTIMATE);
+    d->gridPlan = fftwf_plan_dft_2d(G, G, reinterpret_cast<fftwf_complex*>(d->gridIn->data[0]),
+                                    reinterpret_cast<fftwf_complex*>(d->gridOut->data[0]), FFTW_FORWARD,
+                                    FFTW_ESTIMATE);
 
     createQuantizeParam();
     createFocusDisParam();
@@ -483,39 +493,46 @@ struct ReadoutTables {
     }
 };
 
-// Image of bin b into binMaps[b]: gridding, 2-D FFT, deconvolution readout
-// and self-term removal. Touches only row b of the per-bin buffers, so bins
-// run concurrently.
-static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const AKUDoaV4Geometry& g,
-                     const ReadoutTables& t, int b)
+// Zeroes what bin b's gridding and transform left non-zero in a worker's
+// grid: the covered columns of every row after a pruned transform (it works
+// in place), the covered rows after the 2-D plan (it leaves its input
+// alone). Either is about a third of the grid, still in cache.
+static void clearGrid(const AKUDoaQuantizeV4Private* d, int b, int slot)
 {
-    const int G = g.G;
-    const int S = g.S;
-    const int M = d->micNum;
-    const int NR = d->rows;
-    const int NC = d->cols;
-    akudoa_fftwf_complex* grid = d->gridIn->data[b];
-    const int* idx = d->cellIndex->data[b];
-
-    // Only what the last transform wrote can be non-zero: the covered
-    // columns of every row after a pruned one (it works in place), the
-    // covered rows after the 2-D plan (it leaves its input alone). Either is
-    // about a third of the grid.
+    const int G = d->gridSize;
+    akudoa_fftwf_complex* grid = d->gridIn->data[slot];
     if (d->columnPlans) {
         const int left = d->gridCols[2 * static_cast<size_t>(b)];
         const int right = d->gridCols[2 * static_cast<size_t>(b) + 1];
         const size_t width = sizeof(akudoa_fftwf_complex) * static_cast<size_t>(std::max(right - left, 0));
         for (int j = 0; j < G && width; ++j)
             std::memset(grid + static_cast<size_t>(j) * G + left, 0, width);
-    } else {
-        const int lo = d->gridRows[2 * static_cast<size_t>(b)];
-        const int hi = d->gridRows[2 * static_cast<size_t>(b) + 1];
-        if (lo < hi) {
-            const size_t first = static_cast<size_t>(lo) * S;
-            const size_t end = std::min(static_cast<size_t>(hi - 1) * S + G, static_cast<size_t>(G) * G);
-            std::memset(grid + first, 0, sizeof(akudoa_fftwf_complex) * (end - first));
-        }
+        return;
     }
+    const int S = akudoa_v4_geometry(d->rows, d->cols).S;
+    const int lo = d->gridRows[2 * static_cast<size_t>(b)];
+    const int hi = d->gridRows[2 * static_cast<size_t>(b) + 1];
+    if (lo < hi) {
+        const size_t first = static_cast<size_t>(lo) * S;
+        const size_t end = std::min(static_cast<size_t>(hi - 1) * S + G, static_cast<size_t>(G) * G);
+        std::memset(grid + first, 0, sizeof(akudoa_fftwf_complex) * (end - first));
+    }
+}
+
+// Image of bin b into binMaps[b]: gridding, 2-D FFT, deconvolution readout
+// and self-term removal, on the worker's own grid (zero on entry and left
+// zero). Touches only row b of the per-bin buffers, so bins run
+// concurrently.
+static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const AKUDoaV4Geometry& g,
+                     const ReadoutTables& t, int b, int slot)
+{
+    const int G = g.G;
+    const int S = g.S;
+    const int M = d->micNum;
+    const int NR = d->rows;
+    const int NC = d->cols;
+    akudoa_fftwf_complex* grid = d->gridIn->data[slot];
+    const int* idx = d->cellIndex->data[b];
 
     // Gridding: each microphone's value spread over its 9 x 9 kernel, the
     // separable weight amp * ky[u] * kx[v].
@@ -541,48 +558,52 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
         const float a = amp[m];
         const float* kxm = kx + kTaps * m;
         const float* kym = ky + kTaps * m;
+        // The weight is separable: the value times a * kx[v] once per
+        // microphone, then each kernel row adds ky[u] times that. A tenth,
+        // zero tap pads a row to five groups of four lanes (two taps as
+        // re, im, re, im) where the grid row has room for it; adding zero
+        // leaves that cell as it was.
+        float tap[2 * (kTaps + 1)];
+        for (int v = 0; v < kTaps; ++v) {
+            const float w = a * kxm[v];
+            tap[2 * v] = re * w;
+            tap[2 * v + 1] = im * w;
+        }
+        tap[2 * kTaps] = tap[2 * kTaps + 1] = 0.0f;
         if (i0 >= 0 && j0 >= 0 && i0 + kTaps <= G && j0 + kTaps <= G) {
-            // Four lanes hold two taps as (re, im, re, im); the weights are
-            // the taps' own, duplicated, so every product and sum is the
-            // scalar one.
-            float kx2[2 * kTaps];
-            for (int v = 0; v < kTaps; ++v)
-                kx2[2 * v] = kx2[2 * v + 1] = kxm[v];
-            const float valueLanes[4] = {re, im, re, im};
-            const float32x4_t value = vld1q_f32(valueLanes);
+            const bool padded = i0 + kTaps < G;
             for (int u = 0; u < kTaps; ++u) {
-                const float wy = a * kym[u];
-                const float32x4_t wyv = vdupq_n_f32(wy);
+                const float32x4_t wy = vdupq_n_f32(kym[u]);
                 float* line = &grid[static_cast<size_t>(j0 + u) * S + i0][0];
-                for (int v = 0; v < 2 * (kTaps - 1); v += 4) {
-                    const float32x4_t wt = vmulq_f32(wyv, vld1q_f32(kx2 + v));
-                    vst1q_f32(line + v, vaddq_f32(vld1q_f32(line + v), vmulq_f32(value, wt)));
+                for (int v = 0; v < 2 * (kTaps - 1); v += 4)
+                    vst1q_f32(line + v, vaddq_f32(vld1q_f32(line + v), vmulq_f32(wy, vld1q_f32(tap + v))));
+                if (padded) {
+                    float* last = line + 2 * (kTaps - 1);
+                    vst1q_f32(last, vaddq_f32(vld1q_f32(last), vmulq_f32(wy, vld1q_f32(tap + 2 * (kTaps - 1)))));
+                } else {
+                    line[2 * (kTaps - 1)] += kym[u] * tap[2 * (kTaps - 1)];
+                    line[2 * (kTaps - 1) + 1] += kym[u] * tap[2 * (kTaps - 1) + 1];
                 }
-                const float wt = wy * kxm[kTaps - 1];
-                line[2 * (kTaps - 1)] += re * wt;
-                line[2 * (kTaps - 1) + 1] += im * wt;
             }
         } else {
             for (int u = 0; u < kTaps; ++u) {
-                const float wy = a * kym[u];
                 akudoa_fftwf_complex* line = grid + static_cast<size_t>(wrapNode(j0 + u, G)) * S;
                 for (int v = 0; v < kTaps; ++v) {
-                    const float wt = wy * kxm[v];
                     akudoa_fftwf_complex& cell = line[wrapNode(i0 + v, G)];
-                    cell[0] += re * wt;
-                    cell[1] += im * wt;
+                    cell[0] += kym[u] * tap[2 * v];
+                    cell[1] += kym[u] * tap[2 * v + 1];
                 }
             }
         }
     }
-    akudoa_v4_transform(d, b);
+    akudoa_v4_transform(d, b, slot);
 
     // Readout: the microphones' own power sum |X_m|^2 is part of every
     // pixel's squared beam; removing it leaves the cross terms.
     const float self = d->spectrumSelf
         ? 0.0f
         : engine->vec_power_fp32(reinterpret_cast<float*>(d->binSpectra->data[b]), 2u * static_cast<unsigned>(M));
-    const akudoa_fftwf_complex* out = d->gridOut->data[b];
+    const akudoa_fftwf_complex* out = d->gridOut->data[slot];
     float* map = d->binMaps->data[b];
     const int* qOff = t.gridRow.data();
     const int* dCol = t.deconvCol.data();
@@ -612,6 +633,7 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
             dst[c] = std::fmaf(dec[dCol[c]], pw, -self);
         }
     }
+    clearGrid(d, b, slot);
 }
 
 // The summed image h (rows x cols) into the caller's map in the configured
@@ -669,10 +691,12 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
     const int count = static_cast<int>(rowsOf.size());
     float* heat = d->heatAcc->data;
 
-    // One team for the frame; each bin has its own row of gridIn, gridOut
-    // and binMaps.
-#pragma omp parallel
+    // One team for the frame, no larger than the number of grids; each bin
+    // has its own row of binMaps, each worker its own grid.
+    const int team = std::min(omp_get_max_threads(), d->gridSlots);
+#pragma omp parallel num_threads(team)
     {
+        const int slot = omp_get_thread_num();
 #pragma omp for schedule(dynamic, 1)
         for (int m = 0; m < M; ++m)
             channelFFT(d, frame, m);
@@ -681,7 +705,7 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
             akudoa_spectrum_row(d->micSpectra->data, M, b, average, d->fftMean->data[b], d->binSpectra->data[b]);
 #pragma omp for schedule(dynamic, 1)
         for (int e = 0; e < count; ++e)
-            imageBin(this, d, g, tables, rowsOf[static_cast<size_t>(e)]);
+            imageBin(this, d, g, tables, rowsOf[static_cast<size_t>(e)], slot);
         if (!regression) {
 #pragma omp for schedule(static)
             for (int p0 = 0; p0 < P; p0 += kPixelChunk)

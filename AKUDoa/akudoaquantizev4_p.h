@@ -38,18 +38,25 @@ struct AKUDoaQuantizeV4Private {
     fftwf_plan* micPlans = nullptr;  // M real-to-complex plans of N points, system heap
     mat2d_fp32* windowed = nullptr;  // M x N windowed samples (plan input)
     mat2d_fftwfcplx* micSpectra = nullptr; // M x N (plan output, N/2+1 written; the rest stays 0)
-    fftwf_plan* gridPlans = nullptr; // B forward 2-D plans of G x G, system heap
+    // The grids are one per worker (gridSlots of them), not one per bin:
+    // a bin's grid is needed only while that bin is imaged, and per-bin
+    // grids would hold B x G^2 complex values twice over (3.2 GB at
+    // 640 x 480) and keep a frame's working set out of the cache.
+    int gridSlots = 0;
+    fftwf_plan gridPlan = nullptr; // forward 2-D plan of G x G, run on any worker's grid
     // The same transform pruned to what is non-zero and what is read (see
     // akudoa_v4_transform): B in-place plans along the second axis over the
-    // columns the kernels cover, then 2B plans along the first axis of the
-    // grid rows the readout reads (into gridOut; a second piece where those
-    // rows wrap, else null). Null when the grid stride is not G.
+    // columns each bin's kernels cover, then two plans along the first axis
+    // of the grid rows the readout reads, from readRows[k] on (into gridOut;
+    // the second piece where those rows wrap, else null). Null when the
+    // grid stride is not G. System heap.
     fftwf_plan* columnPlans = nullptr;
     fftwf_plan* rowPlans = nullptr;
-    mat2d_fftwfcplx* gridIn = nullptr;  // B x G^2: gridded spectrum of each bin (column transform after a pruned frame)
-    mat2d_fftwfcplx* gridOut = nullptr; // B x G^2: its transform
-    std::vector<int> gridRows;          // 2B: rows [lo, hi) of gridIn that bin b's kernels cover
-    std::vector<int> gridCols;          // 2B: columns [lo, hi) of the same
+    int readRows[2] = {0, 0};
+    mat2d_fftwfcplx* gridIn = nullptr;  // gridSlots x G^2: a worker's gridded spectrum, zero between bins
+    mat2d_fftwfcplx* gridOut = nullptr; // gridSlots x G^2: its transform
+    std::vector<int> gridRows;          // 2B: grid rows [lo, hi) that bin b's kernels cover
+    std::vector<int> gridCols;          // 2B: grid columns [lo, hi) of the same
     vec_fp32* binScratch = nullptr;  // B, unused by the imaging itself
     bool spectrumSelf = false;
     bool focusRadiusMode = false;    // stored, not read by this engine
@@ -73,13 +80,12 @@ struct AKUDoaV4Geometry {
 
 AKUDoaV4Geometry akudoa_v4_geometry(int rows, int cols);
 
-// Transform of bin b's grid, gridIn[b] -> gridOut[b]. With the pruned plans
-// only the covered columns are transformed (in place) and only the rows the
-// readout reads are finished, about half the work of the 2-D plan; gridOut
-// then holds those rows and gridIn must be cleared over the covered columns
-// of every row before the next gridding. Otherwise the 2-D plan runs and
-// gridIn is left as it was.
-void akudoa_v4_transform(const AKUDoaQuantizeV4Private* d, int b);
+// Transform of bin b's grid on worker slot's grids, gridIn -> gridOut.
+// With the pruned plans only the covered columns are transformed (in place)
+// and only the rows the readout reads are finished, about half the work of
+// the 2-D plan; gridOut then holds those rows. Otherwise the 2-D plan runs
+// and gridIn is left as it was.
+void akudoa_v4_transform(const AKUDoaQuantizeV4Private* d, int b, int slot);
 
 // Nearest node of the G x G grid with axes ax (first index i) and ay
 // (second index j) to the point (sx, sy): node n = i * G + j minimising the
