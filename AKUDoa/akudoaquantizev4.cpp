@@ -254,7 +254,7 @@ void AKUDoaQuantizeV4::doaInit(StCamCfg* cfg)
     d->micSpectra = create_mat2d_fftwfcplx(M, N);
     // One grid per worker: a bin's grid lives only while the bin is imaged.
     d->gridSlots = std::max(omp_get_max_threads(), 1);
-    d->gridIn = create_mat2d_fftwfcplx(d->gridSlots, G * G);
+    d->gridIn = create_mat2d_fftwfcplx(d->gridSlots, G * G + 1);
     d->gridOut = create_mat2d_fftwfcplx(d->gridSlots, G * G);
     d->binScratch = create_vec_fp32(B);
 
@@ -561,8 +561,8 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
         // The weight is separable: the value times a * kx[v] once per
         // microphone, then each kernel row adds ky[u] times that. A tenth,
         // zero tap pads a row to five groups of four lanes (two taps as
-        // re, im, re, im) where the grid row has room for it; adding zero
-        // leaves that cell as it was.
+        // re, im, re, im); adding zero leaves the cell past the kernel as it
+        // was (the grid has one spare value for the last row).
         float tap[2 * (kTaps + 1)];
         for (int v = 0; v < kTaps; ++v) {
             const float w = a * kxm[v];
@@ -571,19 +571,11 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
         }
         tap[2 * kTaps] = tap[2 * kTaps + 1] = 0.0f;
         if (i0 >= 0 && j0 >= 0 && i0 + kTaps <= G && j0 + kTaps <= G) {
-            const bool padded = i0 + kTaps < G;
             for (int u = 0; u < kTaps; ++u) {
                 const float32x4_t wy = vdupq_n_f32(kym[u]);
                 float* line = &grid[static_cast<size_t>(j0 + u) * S + i0][0];
-                for (int v = 0; v < 2 * (kTaps - 1); v += 4)
+                for (int v = 0; v < 2 * (kTaps + 1); v += 4)
                     vst1q_f32(line + v, vaddq_f32(vld1q_f32(line + v), vmulq_f32(wy, vld1q_f32(tap + v))));
-                if (padded) {
-                    float* last = line + 2 * (kTaps - 1);
-                    vst1q_f32(last, vaddq_f32(vld1q_f32(last), vmulq_f32(wy, vld1q_f32(tap + 2 * (kTaps - 1)))));
-                } else {
-                    line[2 * (kTaps - 1)] += kym[u] * tap[2 * (kTaps - 1)];
-                    line[2 * (kTaps - 1) + 1] += kym[u] * tap[2 * (kTaps - 1) + 1];
-                }
             }
         } else {
             for (int u = 0; u < kTaps; ++u) {

@@ -53,7 +53,7 @@ struct AKUDoaQuantizeV4Private {
     fftwf_plan* columnPlans = nullptr;
     fftwf_plan* rowPlans = nullptr;
     int readRows[2] = {0, 0};
-    mat2d_fftwfcplx* gridIn = nullptr;  // gridSlots x G^2: a worker's gridded spectrum, zero between bins
+    mat2d_fftwfcplx* gridIn = nullptr;  // gridSlots x (G^2 + 1): a worker's gridded spectrum, zero between bins
     mat2d_fftwfcplx* gridOut = nullptr; // gridSlots x G^2: its transform
     std::vector<int> gridRows;          // 2B: grid rows [lo, hi) that bin b's kernels cover
     std::vector<int> gridCols;          // 2B: grid columns [lo, hi) of the same
