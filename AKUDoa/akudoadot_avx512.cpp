@@ -87,28 +87,46 @@ void akudoa_dot8pair_avx512(const int8_t* a, const int8_t* s, int m2, int npair,
             bias[t] += a[offs[t] + n];
         }
     const __m512i flip = _mm512_set1_epi8(static_cast<char>(0x80));
+    const int whole = h & ~63;
+    const int rest = h - whole;
+    // Masked-off lanes read 0, flip to 128 and meet zero padding.
+    const __mmask64 restMask = rest ? (~0ULL) >> (64 - rest) : 0;
+    const __m128i biasV = _mm_setr_epi32(128 * bias[0], 128 * bias[1], 128 * bias[2], 128 * bias[3]);
+    const __m128 fv = _mm_set1_ps(f);
     for (int k = 0; k < npair; ++k) {
         const int8_t* sp = s + static_cast<long>(k) * m2;
         __m512i acc[4] = {_mm512_setzero_si512(), _mm512_setzero_si512(), _mm512_setzero_si512(),
                           _mm512_setzero_si512()};
-        for (int n = 0; n < h; n += 64) {
-            // Masked-off lanes read 0, flip to 128 and meet zero padding.
-            const __mmask64 m = h - n >= 64 ? ~0ULL : (~0ULL) >> (64 - (h - n));
-            const __m512i lo = _mm512_xor_si512(_mm512_maskz_loadu_epi8(m, sp + n), flip);
-            const __m512i hi = _mm512_xor_si512(_mm512_maskz_loadu_epi8(m, sp + h + n), flip);
+        const auto step = [&](__m512i lo, __m512i hi, int n) {
+            lo = _mm512_xor_si512(lo, flip);
+            hi = _mm512_xor_si512(hi, flip);
             acc[0] = _mm512_dpbusd_epi32(acc[0], lo, _mm512_load_si512(q[0] + n));
             acc[1] = _mm512_dpbusd_epi32(acc[1], hi, _mm512_load_si512(q[1] + n));
             acc[2] = _mm512_dpbusd_epi32(acc[2], lo, _mm512_load_si512(q[2] + n));
             acc[3] = _mm512_dpbusd_epi32(acc[3], hi, _mm512_load_si512(q[3] + n));
-        }
-        const int32_t A = _mm512_reduce_add_epi32(acc[0]) - 128 * bias[0];
-        const int32_t B = _mm512_reduce_add_epi32(acc[1]) - 128 * bias[1];
-        const int32_t C = _mm512_reduce_add_epi32(acc[2]) - 128 * bias[2];
-        const int32_t D = _mm512_reduce_add_epi32(acc[3]) - 128 * bias[3];
-        mre[-k] = static_cast<float>(A - B) * f;
-        mim[-k] = static_cast<float>(C - D) * f;
-        re[k] = static_cast<float>(A + B) * f;
-        im[k] = static_cast<float>(C + D) * f;
+        };
+        for (int n = 0; n < whole; n += 64)
+            step(_mm512_loadu_si512(sp + n), _mm512_loadu_si512(sp + h + n), n);
+        if (rest)
+            step(_mm512_maskz_loadu_epi8(restMask, sp + whole), _mm512_maskz_loadu_epi8(restMask, sp + h + whole),
+                 whole);
+        // The four sums at once: halves folded, then pairwise adds leave
+        // (A, B, C, D) in each 128-bit lane; the lanes added, the bias off.
+        __m256i r[4];
+        for (int t = 0; t < 4; ++t)
+            r[t] = _mm256_add_epi32(_mm512_castsi512_si256(acc[t]), _mm512_extracti64x4_epi64(acc[t], 1));
+        const __m256i abcd = _mm256_hadd_epi32(_mm256_hadd_epi32(r[0], r[1]), _mm256_hadd_epi32(r[2], r[3]));
+        const __m128i sums = _mm_sub_epi32(
+            _mm_add_epi32(_mm256_castsi256_si128(abcd), _mm256_extracti128_si256(abcd, 1)), biasV);
+        const __m128i swapped = _mm_shuffle_epi32(sums, _MM_SHUFFLE(2, 3, 0, 1)); // B A D C
+        const __m128 plus = _mm_mul_ps(_mm_cvtepi32_ps(_mm_add_epi32(sums, swapped)), fv);  // A+B . C+D .
+        const __m128 minus = _mm_mul_ps(_mm_cvtepi32_ps(_mm_sub_epi32(sums, swapped)), fv); // A-B . C-D .
+        // Mirror first: the centre pixel of an odd image is its own mirror
+        // and keeps the direct sums.
+        mre[-k] = _mm_cvtss_f32(minus);
+        mim[-k] = _mm_cvtss_f32(_mm_movehl_ps(minus, minus));
+        re[k] = _mm_cvtss_f32(plus);
+        im[k] = _mm_cvtss_f32(_mm_movehl_ps(plus, plus));
     }
 #if defined(AKUDOA_CHECK_SIMD)
     akudoa_dot8pair_check("avx512vnni", a, s, m2, npair, f, re, im, mre, mim);

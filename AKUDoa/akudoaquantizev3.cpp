@@ -597,7 +597,14 @@ void akudoa_planar_norm_offset(mat2d_fp32* in, mat2d_fp32* out, float offset, in
     const float* re = in->data[row];
     const float* im = re + P;
     float* o = out->data[row];
-    for (int p = 0; p < n; ++p)
+    const float32x4_t off = vdupq_n_f32(offset);
+    int p = 0;
+    for (; p + 4 <= n; p += 4) {
+        const float32x4_t r = vld1q_f32(re + p);
+        const float32x4_t i = vld1q_f32(im + p);
+        vst1q_f32(o + p, vfmaq_f32(vfmaq_f32(off, r, r), i, i));
+    }
+    for (; p < n; ++p)
         o[p] = std::fmaf(im[p], im[p], std::fmaf(re[p], re[p], offset));
 }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "AKUDoa/iakudoaquantize_p.h"
+#include "AKUDoa/base/akudoaneon.h"
 
 float akudoa_row_maxabs(const float* x, int cols)
 {
@@ -84,7 +85,11 @@ void akudoa_sum_rows(float* heat, int p0, int p1, const std::vector<int>& rows, 
     for (int b : rows) {
         const float* in = maps[b];
         const float w = cfg ? akudoa_bin_gain(cfg, b) : 1.0f;
-        for (int p = p0; p < p1; ++p)
+        const float32x4_t wv = vdupq_n_f32(w);
+        int p = p0;
+        for (; p + 4 <= p1; p += 4)
+            vst1q_f32(heat + p, vfmaq_f32(vld1q_f32(heat + p), vld1q_f32(in + p), wv));
+        for (; p < p1; ++p)
             heat[p] = std::fmaf(in[p], w, heat[p]);
     }
 }

@@ -113,6 +113,33 @@ TEST_F(V3Test, FrameEdgeCases)
     EXPECT_NE(both, av.image(frame.get()));
 }
 
+// Each pixel's power is |sum of int8 products|^2 after dequantization, less
+// the channels' own power (a plain double-precision reference); pixels past
+// the last whole group of four (28, 29 of 30) keep zero.
+TEST_F(V3Test, BeamPowerIsTheDequantizedSquaredBeamLessTheSelfTerms)
+{
+    StCamCfg cfg = akugrid_camera(16, 6, 5);
+    V3 im(cfg);
+    AkuMat frame = akugrid_frame(cfg, {akugrid_far_source(cfg, 2, 3)});
+    im.image(frame.get());
+    const AKUDoaQuantizeV3Private* d = im.engine.privateData();
+    const int m2 = 2 * d->micNum, P = 30;
+    for (int b : {220, 300, 400}) {
+        const int8_t* a = reinterpret_cast<const int8_t*>(d->fftQuant->data[b]);
+        double self = 0.0;
+        for (int n = 0; n < m2; ++n)
+            self += static_cast<double>(d->fftData->data[b][n]) * d->fftData->data[b][n];
+        for (int p = 0; p < P; ++p) {
+            const int8_t* st = reinterpret_cast<const int8_t*>(d->steerQuant->data[b]) + static_cast<size_t>(p) * m2;
+            double re = 0.0, imag = 0.0;
+            for (int n = 0; n < m2; ++n)
+                re += st[n] * a[n], imag += st[n] * a[m2 + n];
+            const double f = d->dequantFactor->data[b], want = p < 28 ? re * f * re * f + imag * f * imag * f - self : 0.0;
+            EXPECT_NEAR(d->beamPower->data[b][p], want, 1e-5 * self) << "bin " << b << " pixel " << p;
+        }
+    }
+}
+
 // Per-bin peaks near the target form groups {100}, {150..165}, {200..203}
 // (the middle one largest and far from the others) or {60..79}, {120}, {180}
 // (the low one): the range is that group, the power its band sum. A peak
