@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <numeric>
 
 #include "AKUDoa/akudoaquantizev3.h"
 #include "AKUDoa/akudoaquantizev3_p.h"
@@ -126,9 +127,7 @@ TEST_F(V3Test, BeamPowerIsTheDequantizedSquaredBeamLessTheSelfTerms)
     const int m2 = 2 * d->micNum, P = 30;
     for (int b : {220, 300, 400}) {
         const int8_t* a = reinterpret_cast<const int8_t*>(d->fftQuant->data[b]);
-        double self = 0.0;
-        for (int n = 0; n < m2; ++n)
-            self += static_cast<double>(d->fftData->data[b][n]) * d->fftData->data[b][n];
+        const double self = std::inner_product(d->fftData->data[b], d->fftData->data[b] + m2, d->fftData->data[b], 0.0);
         for (int p = 0; p < P; ++p) {
             const int8_t* st = reinterpret_cast<const int8_t*>(d->steerQuant->data[b]) + static_cast<size_t>(p) * m2;
             double re = 0.0, imag = 0.0;
