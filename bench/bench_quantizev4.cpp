@@ -13,7 +13,8 @@
 //
 // BM_V4Memory/rows/cols: bytes the engine's containers hold after doaInit
 // (counted from their sizes) and the growth of the resident set over doaInit,
-// at 64 x 48 and at 640 x 480 (the latter allocates about 4 GB).
+// at 64 x 48 and at 640 x 480 (the latter about 0.6 GB, nearly all of it the
+// per-bin images).
 #include <benchmark/benchmark.h>
 #include <fftw3.h>
 #include <omp.h>
