@@ -126,12 +126,7 @@ static void destroyPlans(fftwf_plan* plans, int n)
 
 AKUDoaQuantizeV4::~AKUDoaQuantizeV4()
 {
-    if (d->micPlans) {
-        for (int m = 0; m < d->micNum; ++m)
-            if (d->micPlans[m])
-                fftwf_destroy_plan(d->micPlans[m]);
-        std::free(d->micPlans);
-    }
+    destroyPlans(d->micPlans, d->micNum);
     if (d->gridPlan)
         fftwf_destroy_plan(d->gridPlan);
     destroyPlans(d->columnPlans, d->binNum);
@@ -244,8 +239,8 @@ void AKUDoaQuantizeV4::doaInit(StCamCfg* cfg)
     d->binMaps = create_mat2d_fp32(B, P);
     // One regression image per worker of a batch; the batch is summed in
     // band order, so its size only sets how much of the pool is used.
-    d->gprSlots = std::max(omp_get_max_threads(), 1);
-    d->gprOut = create_mat1d_fp32(d->gprSlots * d->rows, d->cols);
+    d->slots = std::max(omp_get_max_threads(), 1);
+    d->gprOut = create_mat1d_fp32(d->slots * d->rows, d->cols);
     d->focusPhase = create_mat2d_fp32(B, 2 * M);
     d->micPlans = static_cast<fftwf_plan*>(std::calloc(static_cast<size_t>(M), sizeof(fftwf_plan)));
     d->windowed = create_mat2d_fp32(M, N);
@@ -253,9 +248,8 @@ void AKUDoaQuantizeV4::doaInit(StCamCfg* cfg)
     // FFT never writes.
     d->micSpectra = create_mat2d_fftwfcplx(M, N);
     // One grid per worker: a bin's grid lives only while the bin is imaged.
-    d->gridSlots = std::max(omp_get_max_threads(), 1);
-    d->gridIn = create_mat2d_fftwfcplx(d->gridSlots, G * G + 1);
-    d->gridOut = create_mat2d_fftwfcplx(d->gridSlots, G * G);
+    d->gridIn = create_mat2d_fftwfcplx(d->slots, G * G + 1);
+    d->gridOut = create_mat2d_fftwfcplx(d->slots, G * G);
     d->binScratch = create_vec_fp32(B);
 
     // FFTW's planner is not thread safe: every plan is made here, on the
@@ -497,7 +491,7 @@ struct ReadoutTables {
 // grid: the covered columns of every row after a pruned transform (it works
 // in place), the covered rows after the 2-D plan (it leaves its input
 // alone). Either is about a third of the grid, still in cache.
-static void clearGrid(const AKUDoaQuantizeV4Private* d, int b, int slot)
+static void clearGrid(const AKUDoaQuantizeV4Private* d, int S, int b, int slot)
 {
     const int G = d->gridSize;
     akudoa_fftwf_complex* grid = d->gridIn->data[slot];
@@ -509,7 +503,6 @@ static void clearGrid(const AKUDoaQuantizeV4Private* d, int b, int slot)
             std::memset(grid + static_cast<size_t>(j) * G + left, 0, width);
         return;
     }
-    const int S = akudoa_v4_geometry(d->rows, d->cols).S;
     const int lo = d->gridRows[2 * static_cast<size_t>(b)];
     const int hi = d->gridRows[2 * static_cast<size_t>(b) + 1];
     if (lo < hi) {
@@ -534,8 +527,7 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
     akudoa_fftwf_complex* grid = d->gridIn->data[slot];
     const int* idx = d->cellIndex->data[b];
 
-    // Gridding: each microphone's value spread over its 9 x 9 kernel, the
-    // separable weight amp * ky[u] * kx[v].
+    // Gridding: each microphone's value spread over its 9 x 9 kernel.
     const bool focus = d->cfg->focusDistanceEn;
     const float* cosRow = d->focusPhase->data[b];
     const float* sinRow = cosRow + M;
@@ -625,7 +617,7 @@ static void imageBin(AKUDoaQuantizeV4* engine, AKUDoaQuantizeV4Private* d, const
             dst[c] = std::fmaf(dec[dCol[c]], pw, -self);
         }
     }
-    clearGrid(d, b, slot);
+    clearGrid(d, S, b, slot);
 }
 
 // The summed image h (rows x cols) into the caller's map in the configured
@@ -685,7 +677,7 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
 
     // One team for the frame, no larger than the number of grids; each bin
     // has its own row of binMaps, each worker its own grid.
-    const int team = std::min(omp_get_max_threads(), d->gridSlots);
+    const int team = std::min(omp_get_max_threads(), d->slots);
 #pragma omp parallel num_threads(team)
     {
         const int slot = omp_get_thread_num();
@@ -710,7 +702,7 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
         // worker of a batch writes its own slot of gprOut; the batch is then
         // added in band order. Sensitivity gains do not apply on this path.
         std::fill(heat, heat + P, 0.0f);
-        const int slots = d->gprSlots;
+        const int slots = d->slots;
         mat1d_fp32 slot;
         slot.rows = NR;
         slot.cols = NC;

@@ -31,18 +31,17 @@ struct AKUDoaQuantizeV4Private {
     mat2d_fp32* fftMean = nullptr;   // B x 4M: the same as real 2 x 2 blocks
     vec_fp32* heatAcc = nullptr;     // NR * NC: the frame's accumulated image, row length NC
     mat2d_fp32* binMaps = nullptr;   // B x NR*NC: image of each bin of the last frame
-    // Regression outputs: gprSlots images of NR x NC stacked row-wise, one per
+    // Regression outputs: `slots` images of NR x NC stacked row-wise, one per
     // band entry of a batch, summed in band order after the batch.
     mat1d_fp32* gprOut = nullptr;
     mat2d_fp32* focusPhase = nullptr; // B x 2M: cos then sin of each microphone's focus phase
     fftwf_plan* micPlans = nullptr;  // M real-to-complex plans of N points, system heap
     mat2d_fp32* windowed = nullptr;  // M x N windowed samples (plan input)
     mat2d_fftwfcplx* micSpectra = nullptr; // M x N (plan output, N/2+1 written; the rest stays 0)
-    // The grids are one per worker (gridSlots of them), not one per bin:
+    // The grids are one per worker (`slots` of them), not one per bin:
     // a bin's grid is needed only while that bin is imaged, and per-bin
     // grids would hold B x G^2 complex values twice over (3.2 GB at
     // 640 x 480) and keep a frame's working set out of the cache.
-    int gridSlots = 0;
     fftwf_plan gridPlan = nullptr; // forward 2-D plan of G x G, run on any worker's grid
     // The same transform pruned to what is non-zero and what is read (see
     // akudoa_v4_transform): B in-place plans along the second axis over the
@@ -53,8 +52,8 @@ struct AKUDoaQuantizeV4Private {
     fftwf_plan* columnPlans = nullptr;
     fftwf_plan* rowPlans = nullptr;
     int readRows[2] = {0, 0};
-    mat2d_fftwfcplx* gridIn = nullptr;  // gridSlots x (G^2 + 1): a worker's gridded spectrum, zero between bins
-    mat2d_fftwfcplx* gridOut = nullptr; // gridSlots x G^2: its transform
+    mat2d_fftwfcplx* gridIn = nullptr;  // slots x (G^2 + 1): a worker's gridded spectrum, zero between bins
+    mat2d_fftwfcplx* gridOut = nullptr; // slots x G^2: its transform
     std::vector<int> gridRows;          // 2B: grid rows [lo, hi) that bin b's kernels cover
     std::vector<int> gridCols;          // 2B: grid columns [lo, hi) of the same
     vec_fp32* binScratch = nullptr;  // B, unused by the imaging itself
@@ -63,7 +62,9 @@ struct AKUDoaQuantizeV4Private {
     AKUCluster* cluster = nullptr;   // target-frequency clustering
     StCamCfg* cfg = nullptr;         // the kernel's record, not owned
 
-    int gprSlots = 0; // images in gprOut
+    // Workers the per-worker buffers (gprOut, gridIn, gridOut) are made
+    // for: the pool's size at doaInit; a frame's team is no larger.
+    int slots = 0;
 };
 
 // Index arithmetic of the grid readout. S: the grid row stride used by the

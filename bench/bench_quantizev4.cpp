@@ -131,7 +131,7 @@ void BM_V4Frame(benchmark::State& state)
         if (e.bin >= 0 && e.bin < d->binNum)
             rows.push_back(e.bin);
     const int n = static_cast<int>(rows.size());
-    const int team = std::min(omp_get_max_threads(), d->gridSlots);
+    const int team = std::min(omp_get_max_threads(), d->slots);
     std::vector<double> frameMs, fftMs, frameCpu, fftCpu, ownMs, ownCpu;
     for (int k = 0; k < 31; ++k) {
         timeMs([&] { engine.executeDOA(frame, bands, heat); }, frameMs, frameCpu);
