@@ -20,6 +20,7 @@
 
 #include "AKUDoa/akudoakernel.h"
 #include "AKUDoa/akudoakernel_p.h"
+#include "AKUDoa/akudoaquantizeparam.h"
 #include "AKUDoa/base/akudoalogging.h"
 #include "support/akudoagrid.h"
 
@@ -43,6 +44,11 @@ inline bool writeFile(const std::string& path, const void* data, size_t bytes)
     return f && std::fclose(f) == 0 && ok;
 }
 
+inline void removeTree(const std::string& dir)
+{
+    nftw(dir.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return std::remove(p); }, 8, FTW_DEPTH | FTW_PHYS);
+}
+
 // Fixture: fresh temp dir per test, log captured, handler removed afterwards.
 class KernelTest : public ::testing::Test {
 protected:
@@ -56,7 +62,7 @@ protected:
     void TearDown() override
     {
         InstallDoaMessageHandler(nullptr);
-        nftw(dir_.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return std::remove(p); }, 8, FTW_DEPTH | FTW_PHYS);
+        removeTree(dir_);
     }
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
     // Writes an INI file and returns its path.
@@ -85,18 +91,37 @@ protected:
     std::string dir_;
 };
 
+// Points the steering-table cache elsewhere for its lifetime and then puts
+// back what was there, also when an assertion ends the test early: a later
+// test in the same process must not refill a directory this one removed.
+class CacheDirEnv {
+public:
+    CacheDirEnv() : had_(std::getenv("AKUDOA_CACHE_DIR") != nullptr), old_(had_ ? std::getenv("AKUDOA_CACHE_DIR") : "") {}
+    explicit CacheDirEnv(const std::string& dir) : CacheDirEnv() { set(dir); }
+    CacheDirEnv(const CacheDirEnv&) = delete;
+    CacheDirEnv& operator=(const CacheDirEnv&) = delete;
+    ~CacheDirEnv() { had_ ? ::setenv("AKUDOA_CACHE_DIR", old_.c_str(), 1) : ::unsetenv("AKUDOA_CACHE_DIR"); }
+    static void set(const std::string& dir) { ::setenv("AKUDOA_CACHE_DIR", dir.c_str(), 1); }
+
+private:
+    bool had_;
+    std::string old_;
+};
+
 // Steering-table cache in the test's own directory: tests run as parallel
-// processes and some look at the files.
+// processes and some look at the files. Tables are saved only with 4096 MB
+// free, so a full disk is named here rather than as missing files later.
 class CacheTest : public KernelTest {
 protected:
     void SetUp() override
     {
         KernelTest::SetUp();
-        saved_ = std::getenv("AKUDOA_CACHE_DIR") ? std::getenv("AKUDOA_CACHE_DIR") : "", cache_ = dir_ + "/";
-        ::setenv("AKUDOA_CACHE_DIR", cache_.c_str(), 1);
+        cache_ = dir_ + "/", env_.set(cache_);
+        int freeMB = 0;
+        ASSERT_TRUE(storage_request(cache_.c_str(), nullptr, &freeMB) && freeMB >= 4096) << freeMB << " MB free on " << cache_;
     }
-    void TearDown() override { ::setenv("AKUDOA_CACHE_DIR", saved_.c_str(), 1), KernelTest::TearDown(); }
-    std::string saved_, cache_;
+    CacheDirEnv env_;
+    std::string cache_;
 };
 
 // INI text of a small camera: 96 kHz, identity correction coefficients, no

@@ -56,10 +56,10 @@ struct Engine {
 };
 
 // Cache directories "a" and "b" inside the fixture's temporary one.
-class CacheTest : public kerneltest::KernelTest {
+class CacheTest : public kerneltest::CacheTest {
 protected:
-    void SetUp() override { KernelTest::SetUp(), use("a"); }
-    void use(const char* sub) { fs::create_directory(path(sub)), ::setenv("AKUDOA_CACHE_DIR", path(sub).c_str(), 1); }
+    void SetUp() override { kerneltest::CacheTest::SetUp(), use("a"); }
+    void use(const char* sub) { fs::create_directory(path(sub)), env_.set(path(sub)); }
 };
 
 StCamCfg small() { return akugrid_camera(16, 8, 6); }

@@ -14,6 +14,7 @@
 #include "AKUDoa/akudoadot_p.h"
 #include "AKUDoa/akudoaquantizev3.h"
 #include "AKUDoa/akudoaquantizev3_p.h"
+#include "akudoa/kernel_fixture.h"
 #include "support/akudoagrid.h"
 
 namespace {
@@ -82,14 +83,13 @@ TEST(SimdDot8Pair, PathsEqualTheFullKernelOnConjugateBlocks)
     }
 }
 
-TEST(CompactSteering, ImagesAsTheFullTableWithinOneQuantizationUnit)
+class CompactSteering : public kerneltest::CacheTest {};
+
+TEST_F(CompactSteering, ImagesAsTheFullTableWithinOneQuantizationUnit)
 {
     // A fresh cache directory: the first compact engine builds, saves and
     // folds; the full one loads; the last compact one folds as it reads.
-    const char* base = std::getenv("AKUDOA_CACHE_DIR");
-    const std::string dir = std::string(base ? base : "/tmp/") + "/compact-table/";
-    ASSERT_TRUE(std::filesystem::remove_all(dir) < 1000 && std::filesystem::create_directories(dir));
-    ::setenv("AKUDOA_CACHE_DIR", dir.c_str(), 1);
+    const std::string& dir = cache_;
     const struct { int mics, rows, cols; bool average; } cases[] = {{16, 8, 6, false}, {64, 6, 8, true}, {128, 6, 4, false}, {16, 7, 5, false}};
     for (const auto& c : cases) {
         StCamCfg cfg = akugrid_camera(c.mics, c.rows, c.cols);
@@ -158,6 +158,4 @@ TEST(CompactSteering, ImagesAsTheFullTableWithinOneQuantizationUnit)
     StCamCfg nearCfg = akugrid_camera(16, 6, 4);
     nearCfg.focusDistanceEn = true; // the near field keeps the full table
     EXPECT_EQ(Imager(nearCfg, true).d()->steerQuant->cols, 2 * 16 * 24);
-    ::setenv("AKUDOA_CACHE_DIR", base ? base : "", 1);
-    std::filesystem::remove_all(dir);
 }

@@ -45,7 +45,8 @@ browser = subprocess.Popen(
      "--disable-background-networking", "--disable-component-update", "--disable-sync", "--user-data-dir=" + profile,
      "--use-fake-ui-for-media-stream", "--use-fake-device-for-media-stream", "--autoplay-policy=no-user-gesture-required",
      "--remote-debugging-port=0", "--remote-allow-origins=*", "--window-size=1100,560", "about:blank"],
-    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
+    env=dict(os.environ, TMPDIR=work))  # its scratch directory goes with ours
 try:
     port_file = os.path.join(profile, "DevToolsActivePort")
     port = wait_for(lambda: os.path.exists(port_file) and open(port_file).read().split("\n")[0], 60,
