@@ -438,15 +438,16 @@ void akudoa_planar_frame(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_f
     const bool radius = d->focusRadiusMode;
     const bool self = d->spectrumSelf;
     const int count = static_cast<int>(rows.size());
-    std::vector<char> inBand(static_cast<size_t>(B), 0);
+    d->rowInBand.assign(static_cast<size_t>(B), 0);
     for (int b : rows)
-        inBand[static_cast<size_t>(b)] = 1;
+        d->rowInBand[static_cast<size_t>(b)] = 1;
+    d->spectraPending = count < B;
+    d->spectraAverage = average;
     float* heat = d->heatSum->data;
 
     // One team for the whole frame. A band row's spectrum is quantized by the
     // thread that streams its table row, so the first table rows start right
-    // after the channel FFTs; the rows outside the band (kept for the
-    // readouts) fill in behind.
+    // after the channel FFTs.
 #pragma omp parallel
     {
 #pragma omp for schedule(dynamic, 1)
@@ -462,11 +463,7 @@ void akudoa_planar_frame(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_f
                 AKUGaussianProcessRegression::predit_auto_process(d->beamPower->data[b], d->gprBins->data[b], NR,
                                                                   NC, 1.5f, 4.0f, 0.025f, d->cfg->targetQuantize);
         }
-#pragma omp for schedule(static)
-        for (int b = 0; b < B; ++b)
-            if (!inBand[static_cast<size_t>(b)])
-                akudoa_planar_spectrum_row(d, b, average);
-
+#pragma omp barrier
 #pragma omp for schedule(static)
         for (int p0 = 0; p0 < P; p0 += kPixelChunk)
             akudoa_sum_rows(heat, p0, std::min(P, p0 + kPixelChunk), rows,
@@ -510,6 +507,19 @@ void akudoa_planar_fft(AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const floa
 #pragma omp parallel for schedule(static)
     for (int b = 0; b < d->binNum; ++b)
         akudoa_planar_spectrum_row(d, b, average);
+    d->spectraPending = false;
+}
+
+void akudoa_planar_complete_spectra(AKUDoaQuantizeV3Private* d)
+{
+    std::lock_guard<std::mutex> lock(d->spectraMutex);
+    if (!d->spectraPending)
+        return;
+#pragma omp parallel for schedule(static)
+    for (int b = 0; b < d->binNum; ++b)
+        if (!d->rowInBand[static_cast<size_t>(b)])
+            akudoa_planar_spectrum_row(d, b, d->spectraAverage);
+    d->spectraPending = false;
 }
 
 void AKUDoaQuantizeV3::matRowDotInt8(mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec_fp32* factor, mat2d_fp32* out, int row)
@@ -702,6 +712,7 @@ void AKUDoaQuantizeV3::setFocusRadiusMode(bool on)
 
 mat2d_fp32* AKUDoaQuantizeV3::getFFTMean()
 {
+    akudoa_planar_complete_spectra(d);
     return d->fftData;
 }
 

@@ -35,6 +35,8 @@ public:
     // true: image only the central square of pixels.
     void setFocusRadiusMode(bool on) override;
     // B x 4M spectra of the last frame in dot-product layout (not a mean).
+    // A frame builds only its band's rows; the first call after it builds
+    // the others, so ask again after each frame rather than keep the rows.
     mat2d_fp32* getFFTMean() override;
     void findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& bands, int& lowFreq, int& highFreq,
                              float& power) override;

@@ -3,6 +3,7 @@
 
 #include <fftw3.h>
 
+#include <mutex>
 #include <vector>
 
 #include "AKUDoa/akucluster.h"
@@ -52,6 +53,16 @@ struct AKUDoaQuantizeV3Private {
     // P-1-p being the conjugate of pixel p; the bytes kept are those of the
     // full table. Set before akudoa_planar_create sizes the table.
     bool compact = false;
+    // fftData rows outside the last frame's band are built on the first
+    // getFFTMean after it: the imaging reads only the band's rows, so a
+    // frame whose spectra nobody asks for skips the rest (about 300 of 513
+    // rows at the defaults; the extended view never asks). specBuf keeps the
+    // transforms until the next frame. The mutex keeps getFFTMean a read
+    // that several threads may make at once.
+    std::vector<char> rowInBand; // B flags of the last frame
+    bool spectraPending = false;
+    bool spectraAverage = false; // the last frame's averaging switch
+    std::mutex spectraMutex;
     // int8 beam-sum kernel chosen for this CPU at doaInit.
     AKUDoaDot8Path dot8 = {"ref", akudoa_dot8_ref, akudoa_dot8pair_ref};
 };
@@ -86,6 +97,9 @@ void akudoa_planar_window_fft(AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, con
 // summed with averaging) from the transformed channels, its scale and its
 // quantized row.
 void akudoa_planar_spectrum_row(AKUDoaQuantizeV3Private* d, int b, bool average);
+// Builds the fftData rows (and their quantization) that the last frame
+// left out; nothing when none are pending.
+void akudoa_planar_complete_spectra(AKUDoaQuantizeV3Private* d);
 // Every channel, then every row of fftData and its quantization.
 void akudoa_planar_fft(AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* win, bool average);
 // int8 beam sums of table row `row` (all pixels, or only the central square).
@@ -102,8 +116,8 @@ void akudoa_planar_row(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, int b, bo
 // that differ from the conjugate of pixel p's block by one unit, and by
 // more than one.
 void akudoa_planar_mirror_diff(const AKUDoaQuantizeV3Private* d, long& oneUnit, long& larger);
-// One frame: channel FFTs, spectra, the table rows `rows` (distinct, in
-// band order) into beamPower (and gprBins with `regression`), their sum in
+// One frame: channel FFTs, the spectra of the table rows `rows` (distinct,
+// in band order; the others are left pending), those rows into beamPower (and gprBins with `regression`), their sum in
 // that order into heatSum, then akudoa_planar_finish into heatMap.
 void akudoa_planar_frame(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* win,
                          bool average, const std::vector<int>& rows, bool regression, mat2d_fp32* heatMap);
