@@ -438,11 +438,7 @@ void akudoa_planar_frame(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_f
     const bool radius = d->focusRadiusMode;
     const bool self = d->spectrumSelf;
     const int count = static_cast<int>(rows.size());
-    d->rowInBand.assign(static_cast<size_t>(B), 0);
-    for (int b : rows)
-        d->rowInBand[static_cast<size_t>(b)] = 1;
-    d->spectraPending = count < B;
-    d->spectraAverage = average;
+    d->pending.leave(rows, B, average);
     float* heat = d->heatSum->data;
 
     // One team for the whole frame. A band row's spectrum is quantized by the
@@ -507,19 +503,12 @@ void akudoa_planar_fft(AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const floa
 #pragma omp parallel for schedule(static)
     for (int b = 0; b < d->binNum; ++b)
         akudoa_planar_spectrum_row(d, b, average);
-    d->spectraPending = false;
+    d->pending.clear();
 }
 
 void akudoa_planar_complete_spectra(AKUDoaQuantizeV3Private* d)
 {
-    std::lock_guard<std::mutex> lock(d->spectraMutex);
-    if (!d->spectraPending)
-        return;
-#pragma omp parallel for schedule(static)
-    for (int b = 0; b < d->binNum; ++b)
-        if (!d->rowInBand[static_cast<size_t>(b)])
-            akudoa_planar_spectrum_row(d, b, d->spectraAverage);
-    d->spectraPending = false;
+    d->pending.complete([d](int b, bool average) { akudoa_planar_spectrum_row(d, b, average); });
 }
 
 void AKUDoaQuantizeV3::matRowDotInt8(mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec_fp32* factor, mat2d_fp32* out, int row)

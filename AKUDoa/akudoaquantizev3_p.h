@@ -3,13 +3,13 @@
 
 #include <fftw3.h>
 
-#include <mutex>
 #include <vector>
 
 #include "AKUDoa/akucluster.h"
 #include "AKUDoa/akudoacamcfg.h"
 #include "AKUDoa/akudoadot_p.h"
 #include "AKUDoa/base/akudoamatrix.h"
+#include "AKUDoa/iakudoaquantize_p.h"
 
 // State of AKUDoaQuantizeV3. NR x NC image (P pixels), M microphones, frame
 // of N samples, B table rows (N/2+1, or N/4+1 with frequency averaging).
@@ -53,16 +53,8 @@ struct AKUDoaQuantizeV3Private {
     // P-1-p being the conjugate of pixel p; the bytes kept are those of the
     // full table. Set before akudoa_planar_create sizes the table.
     bool compact = false;
-    // fftData rows outside the last frame's band are built on the first
-    // getFFTMean after it: the imaging reads only the band's rows, so a
-    // frame whose spectra nobody asks for skips the rest (about 300 of 513
-    // rows at the defaults; the extended view never asks). specBuf keeps the
-    // transforms until the next frame. The mutex keeps getFFTMean a read
-    // that several threads may make at once.
-    std::vector<char> rowInBand; // B flags of the last frame
-    bool spectraPending = false;
-    bool spectraAverage = false; // the last frame's averaging switch
-    std::mutex spectraMutex;
+    // fftData rows outside the last frame's band, built by getFFTMean.
+    AKUDoaPendingSpectra pending;
     // int8 beam-sum kernel chosen for this CPU at doaInit.
     AKUDoaDot8Path dot8 = {"ref", akudoa_dot8_ref, akudoa_dot8pair_ref};
 };

@@ -463,6 +463,7 @@ void AKUDoaQuantizeV4::executeFFT(mat2d_fp32* frame)
 #pragma omp parallel for schedule(static)
     for (int b = 0; b < d->binNum; ++b)
         akudoa_spectrum_row(d->micSpectra->data, d->micNum, b, average, d->fftMean->data[b], d->binSpectra->data[b]);
+    d->pending.clear();
 }
 
 // Readout offsets of one image size, computed once per frame: grid column
@@ -673,6 +674,7 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
             rowsOf.push_back(b);
     }
     const int count = static_cast<int>(rowsOf.size());
+    d->pending.leave(rowsOf, B, average);
     float* heat = d->heatAcc->data;
 
     // One team for the frame, no larger than the number of grids; each bin
@@ -685,8 +687,10 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
         for (int m = 0; m < M; ++m)
             channelFFT(d, frame, m);
 #pragma omp for schedule(static)
-        for (int b = 0; b < B; ++b)
+        for (int e = 0; e < count; ++e) {
+            const int b = rowsOf[static_cast<size_t>(e)];
             akudoa_spectrum_row(d->micSpectra->data, M, b, average, d->fftMean->data[b], d->binSpectra->data[b]);
+        }
 #pragma omp for schedule(dynamic, 1)
         for (int e = 0; e < count; ++e)
             imageBin(this, d, g, tables, rowsOf[static_cast<size_t>(e)], slot);
@@ -750,6 +754,11 @@ void AKUDoaQuantizeV4::setFocusRadiusMode(bool on)
 
 mat2d_fp32* AKUDoaQuantizeV4::getFFTMean()
 {
+    AKUDoaQuantizeV4Private* p = d;
+    const int M = d->micNum;
+    d->pending.complete([p, M](int b, bool average) {
+        akudoa_spectrum_row(p->micSpectra->data, M, b, average, p->fftMean->data[b], p->binSpectra->data[b]);
+    });
     return d->fftMean;
 }
 

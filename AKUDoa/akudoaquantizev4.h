@@ -40,7 +40,9 @@ public:
     // Stored only: this engine always images the whole grid.
     void setFocusRadiusMode(bool on) override;
     // B x 4M spectra of the last frame as real 2 x 2 blocks:
-    // [Re X_m], [-Im X_m], [Im X_m], [Re X_m].
+    // [Re X_m], [-Im X_m], [Im X_m], [Re X_m]. A frame builds only its
+    // band's rows; the first call after it builds the others, so ask again
+    // after each frame rather than keep the rows.
     mat2d_fp32* getFFTMean() override;
     void findTargetFreqRange(fpoint2d target, AKUDoaFreqBands& bands, int& lowFreq, int& highFreq,
                              float& power) override;

@@ -8,6 +8,7 @@
 #include "AKUDoa/akucluster.h"
 #include "AKUDoa/akudoacamcfg.h"
 #include "AKUDoa/base/akudoamatrix.h"
+#include "AKUDoa/iakudoaquantize_p.h"
 
 // State of AKUDoaQuantizeV4. NR x NC image, M microphones, frame of N
 // samples, B bins (N/2+1, or N/4+1 with frequency averaging), G x G grid.
@@ -29,6 +30,7 @@ struct AKUDoaQuantizeV4Private {
     mat2d_int32* cellIndex = nullptr; // B x 2M: kernel corner, first axis (m) then second (M + m)
     mat2d_fftwfcplx* binSpectra = nullptr; // B x M: channel spectra of the last frame
     mat2d_fp32* fftMean = nullptr;   // B x 4M: the same as real 2 x 2 blocks
+    AKUDoaPendingSpectra pending;    // fftMean/binSpectra rows outside the last band
     vec_fp32* heatAcc = nullptr;     // NR * NC: the frame's accumulated image, row length NC
     mat2d_fp32* binMaps = nullptr;   // B x NR*NC: image of each bin of the last frame
     // Regression outputs: `slots` images of NR x NC stacked row-wise, one per

@@ -2,6 +2,7 @@
 #define AKUDOA_IAKUDOAQUANTIZE_P_H
 
 #include <cstdint>
+#include <mutex>
 #include <vector>
 
 #include "AKUDoa/akudoacamcfg.h"
@@ -42,6 +43,47 @@ float akudoa_bin_gain(const StCamCfg* cfg, int b);
 // take disjoint pixel ranges.
 void akudoa_sum_rows(float* heat, int p0, int p1, const std::vector<int>& rows, float* const* maps,
                      const StCamCfg* cfg);
+
+// Spectrum rows a frame leaves for later. The imaging reads only its band's
+// rows of the per-bin spectra, so a frame builds those and marks the rest
+// (about 300 of 513 rows at the defaults); the first getFFTMean after it
+// builds them from the channel transforms, which stay until the next frame.
+// A frame whose spectra nobody asks for skips that work. The mutex keeps
+// getFFTMean a call that several threads may make at once.
+class AKUDoaPendingSpectra {
+public:
+    // After a frame imaged `rows` of B: every other row is pending.
+    void leave(const std::vector<int>& rows, int B, bool average)
+    {
+        inBand_.assign(static_cast<size_t>(B), 0);
+        for (int b : rows)
+            inBand_[static_cast<size_t>(b)] = 1;
+        pending_ = static_cast<int>(rows.size()) < B;
+        average_ = average;
+    }
+    // After every row was built.
+    void clear() { pending_ = false; }
+    // Builds each pending row b with build(b, average), in parallel.
+    template <class Build>
+    void complete(Build build)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!pending_)
+            return;
+        const int B = static_cast<int>(inBand_.size());
+#pragma omp parallel for schedule(static)
+        for (int b = 0; b < B; ++b)
+            if (!inBand_[static_cast<size_t>(b)])
+                build(b, average_);
+        pending_ = false;
+    }
+
+private:
+    std::vector<char> inBand_; // B flags of the last frame
+    bool pending_ = false;
+    bool average_ = false; // the last frame's averaging switch
+    std::mutex mutex_;
+};
 
 // One element of the rounding rule: s2 = 2 * scale. In range |s2 * x| is at
 // most 254; a non-finite or huge product (a NaN or infinite sample, a zero
