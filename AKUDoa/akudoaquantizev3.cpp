@@ -20,9 +20,6 @@
 
 namespace {
 
-// Pixels per share of the image accumulation: 16 cache lines of floats.
-constexpr int kPixelChunk = 256;
-
 constexpr float kSoundSpeed = 340.0f; // m/s
 constexpr double kPi = 3.14159265358979323846;
 
@@ -439,7 +436,8 @@ void akudoa_planar_frame(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_f
     const bool self = d->spectrumSelf;
     const int count = static_cast<int>(rows.size());
     d->pending.leave(rows, B, average);
-    float* heat = d->heatSum->data;
+    AKUDoaOrderedSum sum(d->heatSum->data, P, rows, regression ? d->gprBins->data : d->beamPower->data,
+                         regression ? nullptr : d->cfg);
 
     // One team for the whole frame. A band row's spectrum is quantized by the
     // thread that streams its table row, so the first table rows start right
@@ -449,7 +447,7 @@ void akudoa_planar_frame(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_f
 #pragma omp for schedule(dynamic, 1)
         for (int ch = 0; ch < M; ++ch)
             akudoa_planar_window_fft(d, frame, win, ch);
-#pragma omp for schedule(dynamic, 1) nowait
+#pragma omp for schedule(dynamic, 1)
         for (int e = 0; e < count; ++e) {
             const int b = rows[static_cast<size_t>(e)];
             akudoa_planar_spectrum_row(d, b, average);
@@ -458,12 +456,8 @@ void akudoa_planar_frame(IAKUDoaQuantize& q, AKUDoaQuantizeV3Private* d, mat2d_f
             if (regression)
                 AKUGaussianProcessRegression::predit_auto_process(d->beamPower->data[b], d->gprBins->data[b], NR,
                                                                   NC, 1.5f, 4.0f, 0.025f, d->cfg->targetQuantize);
+            sum.finished(e);
         }
-#pragma omp barrier
-#pragma omp for schedule(static)
-        for (int p0 = 0; p0 < P; p0 += kPixelChunk)
-            akudoa_sum_rows(heat, p0, std::min(P, p0 + kPixelChunk), rows,
-                            regression ? d->gprBins->data : d->beamPower->data, regression ? nullptr : d->cfg);
     }
 
     akudoa_planar_finish(d, self, heatMap);

@@ -24,7 +24,6 @@ namespace {
 constexpr double kPi = 3.14159265358979323846;
 constexpr float kSoundSpeed = 340.0f; // m/s
 constexpr int kTaps = 9;              // kernel taps per axis, centred on the nearest node
-constexpr int kPixelChunk = 256;      // pixels per share of the image accumulation
 
 bool usesRegression(const StCamCfg* cfg)
 {
@@ -676,6 +675,7 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
     const int count = static_cast<int>(rowsOf.size());
     d->pending.leave(rowsOf, B, average);
     float* heat = d->heatAcc->data;
+    AKUDoaOrderedSum sum(heat, P, rowsOf, d->binMaps->data, d->cfg);
 
     // One team for the frame, no larger than the number of grids; each bin
     // has its own row of binMaps, each worker its own grid.
@@ -692,12 +692,10 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
             akudoa_spectrum_row(d->micSpectra->data, M, b, average, d->fftMean->data[b], d->binSpectra->data[b]);
         }
 #pragma omp for schedule(dynamic, 1)
-        for (int e = 0; e < count; ++e)
+        for (int e = 0; e < count; ++e) {
             imageBin(this, d, g, tables, rowsOf[static_cast<size_t>(e)], slot);
-        if (!regression) {
-#pragma omp for schedule(static)
-            for (int p0 = 0; p0 < P; p0 += kPixelChunk)
-                akudoa_sum_rows(heat, p0, std::min(P, p0 + kPixelChunk), rowsOf, d->binMaps->data, d->cfg);
+            if (!regression)
+                sum.finished(e);
         }
     }
 

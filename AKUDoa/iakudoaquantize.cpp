@@ -78,19 +78,42 @@ float akudoa_bin_gain(const StCamCfg* cfg, int b)
     return b < AKUDOA_MAX_SENSITIVITY_BINS ? cfg->micSensitivity[b] : 1.0f;
 }
 
-void akudoa_sum_rows(float* heat, int p0, int p1, const std::vector<int>& rows, float* const* maps,
-                     const StCamCfg* cfg)
+void akudoa_add_row(float* heat, int p0, int p1, const float* in, float w)
 {
-    std::fill(heat + p0, heat + p1, 0.0f);
-    for (int b : rows) {
-        const float* in = maps[b];
-        const float w = cfg ? akudoa_bin_gain(cfg, b) : 1.0f;
-        const float32x4_t wv = vdupq_n_f32(w);
-        int p = p0;
-        for (; p + 4 <= p1; p += 4)
-            vst1q_f32(heat + p, vfmaq_f32(vld1q_f32(heat + p), vld1q_f32(in + p), wv));
-        for (; p < p1; ++p)
-            heat[p] = std::fmaf(in[p], w, heat[p]);
+    const float32x4_t wv = vdupq_n_f32(w);
+    int p = p0;
+    for (; p + 4 <= p1; p += 4)
+        vst1q_f32(heat + p, vfmaq_f32(vld1q_f32(heat + p), vld1q_f32(in + p), wv));
+    for (; p < p1; ++p)
+        heat[p] = std::fmaf(in[p], w, heat[p]);
+}
+
+AKUDoaOrderedSum::AKUDoaOrderedSum(float* heat, int P, const std::vector<int>& rows, float* const* maps,
+                                   const StCamCfg* cfg)
+    : heat_(heat), P_(P), rows_(rows), maps_(maps), cfg_(cfg), done_(new std::atomic<bool>[rows.size()])
+{
+    std::fill(heat, heat + P, 0.0f);
+    for (size_t e = 0; e < rows.size(); ++e)
+        done_[e].store(false, std::memory_order_relaxed);
+}
+
+void AKUDoaOrderedSum::finished(int e)
+{
+    const int count = static_cast<int>(rows_.size());
+    done_[e].store(true);
+    // Sequentially consistent flags: a thread that finds `busy_` taken has
+    // published its row first, and the adder looks at the next row again
+    // after letting go, so no finished row is left behind.
+    while (!busy_.exchange(true)) {
+        int n = next_.load();
+        for (; n < count && done_[n].load(); ++n) {
+            const int b = rows_[static_cast<size_t>(n)];
+            akudoa_add_row(heat_, 0, P_, maps_[b], cfg_ ? akudoa_bin_gain(cfg_, b) : 1.0f);
+        }
+        next_.store(n);
+        busy_.store(false);
+        if (n >= count || !done_[n].load())
+            return;
     }
 }
 

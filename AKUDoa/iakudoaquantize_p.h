@@ -1,7 +1,9 @@
 #ifndef AKUDOA_IAKUDOAQUANTIZE_P_H
 #define AKUDOA_IAKUDOAQUANTIZE_P_H
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -36,13 +38,35 @@ void akudoa_spectrum_row(const akudoa_fftwf_complex* const* spectra, int M, int 
 // Sensitivity gain of table row b (1 beyond the configured table).
 float akudoa_bin_gain(const StCamCfg* cfg, int b);
 
-// heat[p] for p0 <= p < p1: the sum over `rows`, in their order, of
-// maps[b][p] times the row's gain, or times 1 without a configuration
-// (fma with 1 is the plain sum). Each pixel sums its rows in band order, so
-// the image does not depend on which thread produced which row; threads
-// take disjoint pixel ranges.
-void akudoa_sum_rows(float* heat, int p0, int p1, const std::vector<int>& rows, float* const* maps,
-                     const StCamCfg* cfg);
+// heat[p] = fma(in[p], w, heat[p]) for p0 <= p < p1: one row of an image sum.
+void akudoa_add_row(float* heat, int p0, int p1, const float* in, float w);
+
+// The image of a frame: over the table rows `rows`, in their order, heat[p]
+// accumulates maps[b][p] times the row's gain (times 1 without a
+// configuration; fma with 1 is the plain sum). Each pixel sums its rows in
+// band order, so the image does not depend on which thread made which row.
+// The sum is made while the rows are still being imaged: a row is added as
+// soon as it and every row before it are finished, mostly by the thread
+// that just made it, while its values are still in that core's cache, and
+// alongside the other threads' table streaming rather than after it.
+class AKUDoaOrderedSum {
+public:
+    // Clears heat (P values); rows and maps stay the caller's until the frame ends.
+    AKUDoaOrderedSum(float* heat, int P, const std::vector<int>& rows, float* const* maps, const StCamCfg* cfg);
+    // Row e of `rows` is finished: adds it and the finished rows after it,
+    // unless another thread is adding (that thread then takes them).
+    void finished(int e);
+
+private:
+    float* heat_;
+    int P_;
+    const std::vector<int>& rows_;
+    float* const* maps_;
+    const StCamCfg* cfg_;
+    std::unique_ptr<std::atomic<bool>[]> done_;
+    std::atomic<int> next_{0};
+    std::atomic<bool> busy_{false};
+};
 
 // Spectrum rows a frame leaves for later. The imaging reads only its band's
 // rows of the per-bin spectra, so a frame builds those and marks the rest
