@@ -91,37 +91,26 @@ protected:
     std::string dir_;
 };
 
-// Points the steering-table cache elsewhere for its lifetime and then puts
-// back what was there, also when an assertion ends the test early: a later
-// test in the same process must not refill a directory this one removed.
-class CacheDirEnv {
-public:
-    CacheDirEnv() : had_(std::getenv("AKUDOA_CACHE_DIR") != nullptr), old_(had_ ? std::getenv("AKUDOA_CACHE_DIR") : "") {}
-    explicit CacheDirEnv(const std::string& dir) : CacheDirEnv() { set(dir); }
-    CacheDirEnv(const CacheDirEnv&) = delete;
-    CacheDirEnv& operator=(const CacheDirEnv&) = delete;
-    ~CacheDirEnv() { had_ ? ::setenv("AKUDOA_CACHE_DIR", old_.c_str(), 1) : ::unsetenv("AKUDOA_CACHE_DIR"); }
-    static void set(const std::string& dir) { ::setenv("AKUDOA_CACHE_DIR", dir.c_str(), 1); }
-
-private:
-    bool had_;
-    std::string old_;
-};
-
 // Steering-table cache in the test's own directory: tests run as parallel
-// processes and some look at the files. Tables are saved only with 4096 MB
-// free, so a full disk is named here rather than as missing files later.
+// processes and some look at the files. What was set before is put back
+// (or unset): a later test in the same process must not refill a directory
+// this one removed. Tables are saved only with 4096 MB free, so a full disk
+// is named here rather than as missing files later.
 class CacheTest : public KernelTest {
 protected:
     void SetUp() override
     {
         KernelTest::SetUp();
-        cache_ = dir_ + "/", env_.set(cache_);
+        const char* old = std::getenv("AKUDOA_CACHE_DIR");
+        had_ = old != nullptr, saved_ = old ? old : "", cache_ = dir_ + "/";
+        useCache(cache_);
         int freeMB = 0;
         ASSERT_TRUE(storage_request(cache_.c_str(), nullptr, &freeMB) && freeMB >= 4096) << freeMB << " MB free on " << cache_;
     }
-    CacheDirEnv env_;
-    std::string cache_;
+    void TearDown() override { had_ ? useCache(saved_) : (void)::unsetenv("AKUDOA_CACHE_DIR"), KernelTest::TearDown(); }
+    static void useCache(const std::string& dir) { ::setenv("AKUDOA_CACHE_DIR", dir.c_str(), 1); }
+    bool had_ = false;
+    std::string saved_, cache_;
 };
 
 // INI text of a small camera: 96 kHz, identity correction coefficients, no

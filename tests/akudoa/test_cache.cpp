@@ -59,7 +59,7 @@ struct Engine {
 class CacheTest : public kerneltest::CacheTest {
 protected:
     void SetUp() override { kerneltest::CacheTest::SetUp(), use("a"); }
-    void use(const char* sub) { fs::create_directory(path(sub)), env_.set(path(sub)); }
+    void use(const char* sub) { fs::create_directory(path(sub)), useCache(path(sub)); }
 };
 
 StCamCfg small() { return akugrid_camera(16, 8, 6); }

@@ -28,31 +28,11 @@ std::vector<int8_t> randomBytes(size_t n, uint32_t seed, int lo)
     return v;
 }
 
-struct Imager {
-    StCamCfg cfg;
-    AKUDoaQuantizeV3 engine;
-    AKUDoaFreqBands bands;
-    Imager(StCamCfg c, bool compact) : cfg(c), bands(c.frameSize, c.sampleFrequency)
-    {
-        cfg.compactSteering = compact;
-        engine.doaInit(&cfg);
-        std::vector<float> w(static_cast<size_t>(cfg.frameSize), 1.0f);
-        engine.updateFFTWin(w.data(), cfg.frameSize);
-        bands.updateBands({{20000, 40000, 1}});
-    }
-    AKUDoaQuantizeV3Private* d() const { return engine.privateData(); }
-    std::vector<float> image(mat2d_fp32* frame, int mode) // row-major heat map
-    {
-        cfg.rotateMode = mode;
-        mat2d_fp32* heat = create_mat2d_fp32(cfg.imageResolutionRow, cfg.imageResolutionCol);
-        engine.executeDOA(frame, bands, heat);
-        std::vector<float> out;
-        for (int r = 0; r < heat->rows; ++r)
-            out.insert(out.end(), heat->data[r], heat->data[r] + heat->cols);
-        destroy_mat2d_fp32(heat);
-        return out;
-    }
-};
+using V3 = AkuImager<AKUDoaQuantizeV3>;
+
+StCamCfg layout(StCamCfg c, bool compact) { return c.compactSteering = compact, c; }
+AKUDoaQuantizeV3Private* state(const V3& v) { return v.engine.privateData(); }
+std::vector<float> turned(V3& v, mat2d_fp32* frame, int mode) { return v.cfg.rotateMode = mode, v.image(frame); }
 
 } // namespace
 
@@ -94,7 +74,7 @@ TEST_F(CompactSteering, ImagesAsTheFullTableWithinOneQuantizationUnit)
     for (const auto& c : cases) {
         StCamCfg cfg = akugrid_camera(c.mics, c.rows, c.cols);
         cfg.freqAverage = c.average;
-        Imager compact(cfg, true), full(cfg, false);
+        V3 compact(layout(cfg, true)), full(layout(cfg, false));
         const auto inodes = [&dir] {
             std::vector<ino_t> v;
             struct stat st {};
@@ -104,22 +84,22 @@ TEST_F(CompactSteering, ImagesAsTheFullTableWithinOneQuantizationUnit)
             return v;
         };
         const std::vector<ino_t> saved = inodes();
-        Imager reloaded(cfg, true);
+        V3 reloaded(layout(cfg, true));
         EXPECT_EQ(inodes(), saved) << "the folded load was refused and the pair rebuilt";
         ASSERT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 3 * (&c - cases + 1)); // pair and sidecar
         const int P = c.rows * c.cols, npair = (P + 1) / 2, M = c.mics;
         long oneUnit = 0, larger = 0;
-        akudoa_planar_mirror_diff(full.d(), oneUnit, larger);
+        akudoa_planar_mirror_diff(state(full), oneUnit, larger);
         EXPECT_EQ(larger, 0) << "mirror blocks differ from the conjugates by more than one unit";
-        const AKUDoaQuantizeV3Private* d = full.d();
+        const AKUDoaQuantizeV3Private* d = state(full);
         for (int b = 0; b < d->binNum; ++b) // the stored blocks are the full table's
-            for (const Imager* im : {&compact, &reloaded})
-                ASSERT_EQ(0, std::memcmp(im->d()->steerQuant->data[b], d->steerQuant->data[b], 2u * M * npair));
+            for (const V3* im : {&compact, &reloaded})
+                ASSERT_EQ(0, std::memcmp(state(*im)->steerQuant->data[b], d->steerQuant->data[b], 2u * M * npair));
         const int sources[3][2] = {{1, 1}, {c.rows - 2, c.cols - 1}, {c.rows / 2, c.cols / 2}};
         for (const auto& px : sources) {
-            mat2d_fp32* frame = akusim_frame(akusim_array_from_cfg(cfg), {akugrid_far_source(cfg, px[0], px[1])}, 96000, 1024);
+            const AkuMat frame = akugrid_frame(cfg, {akugrid_far_source(cfg, px[0], px[1])});
             for (int mode = 0; mode < 4; ++mode) {
-                const std::vector<float> hf = full.image(frame, mode), hc = compact.image(frame, mode);
+                const std::vector<float> hf = turned(full, frame.get(), mode), hc = turned(compact, frame.get(), mode);
                 const int peak = static_cast<int>(std::max_element(hf.begin(), hf.end()) - hf.begin());
                 EXPECT_EQ(peak, std::max_element(hc.begin(), hc.end()) - hc.begin()) << M << " mics, mode " << mode;
                 // One unit per byte moves each beam component by at most
@@ -142,20 +122,19 @@ TEST_F(CompactSteering, ImagesAsTheFullTableWithinOneQuantizationUnit)
                 }
             }
             // Only the central square: the same values inside it.
-            float* row = compact.d()->beamComplex->data[compact.d()->binNum / 2]; // a row inside the band
+            float* row = state(compact)->beamComplex->data[state(compact)->binNum / 2]; // a row inside the band
             const std::vector<float> whole(row, row + 2 * P);
             std::fill_n(row, 2 * P, 0.0f);
             compact.engine.setFocusRadiusMode(true);
-            compact.image(frame, 1);
+            turned(compact, frame.get(), 1);
             compact.engine.setFocusRadiusMode(false);
             for (int r = std::max(c.rows / 2 - c.cols / 4, 0); r < std::min(c.rows / 2 + c.cols / 4, c.rows); ++r)
                 for (int col = c.cols / 4; col < std::min(c.cols / 4 + c.cols / 2, c.cols); ++col)
                     EXPECT_TRUE(whole[r * c.cols + col] == row[r * c.cols + col] &&
                                 whole[P + r * c.cols + col] == row[P + r * c.cols + col]) << r << "," << col;
-            destroy_mat2d_fp32(frame);
         }
     }
     StCamCfg nearCfg = akugrid_camera(16, 6, 4);
     nearCfg.focusDistanceEn = true; // the near field keeps the full table
-    EXPECT_EQ(Imager(nearCfg, true).d()->steerQuant->cols, 2 * 16 * 24);
+    EXPECT_EQ(state(V3(layout(nearCfg, true)))->steerQuant->cols, 2 * 16 * 24);
 }

@@ -72,31 +72,26 @@ TEST(PlanarFrame, ConcurrentRowsSumInBandOrder)
     const int P = 515, R = 48;
     StCamCfg cfg = akugrid_camera(16, 4, 4);
     std::mt19937 rng(5);
-    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
-    std::vector<std::vector<float>> made(R, std::vector<float>(P)), maps = made;
+    std::vector<float> made(static_cast<size_t>(R) * P), maps(made.size()), plain(P, 0.0f), heat(P);
     std::vector<float*> ptr;
-    std::vector<float> plain(P, 0.0f);
     std::vector<int> rows(R), order(R);
-    std::iota(rows.begin(), rows.end(), 0), std::shuffle(rows.begin(), rows.end(), rng);
     for (int b = 0; b < R; ++b)
-        cfg.micSensitivity[b] = u(rng), ptr.push_back(maps[b].data()), std::generate(made[b].begin(), made[b].end(), [&] { return u(rng); });
+        cfg.micSensitivity[b] = static_cast<float>(rng() % 9) / 4.0f, ptr.push_back(&maps[static_cast<size_t>(b) * P]);
+    std::generate(made.begin(), made.end(), [&] { return std::ldexp(static_cast<float>(rng() % 2001) - 1000.0f, -9); });
+    std::iota(rows.begin(), rows.end(), 0), std::shuffle(rows.begin(), rows.end(), rng);
     for (int b : rows)
-        akudoa_add_row(plain.data(), 0, P, made[b].data(), cfg.micSensitivity[b]);
+        akudoa_add_row(plain.data(), 0, P, &made[static_cast<size_t>(b) * P], cfg.micSensitivity[b]);
     for (int threads : {1, 2, 4})
         for (int trial = 0; trial < 10; ++trial) {
-            std::vector<float> heat(P, 1.0f);
-            for (auto& m : maps)
-                std::fill(m.begin(), m.end(), std::nanf(""));
+            std::fill(maps.begin(), maps.end(), std::nanf("")), std::fill(heat.begin(), heat.end(), 1.0f);
             AKUDoaOrderedSum sum(heat.data(), P, rows, ptr.data(), &cfg);
             std::iota(order.begin(), order.end(), 0), std::shuffle(order.begin(), order.end(), rng);
             std::atomic<int> next{0};
             std::vector<std::thread> team;
             for (int t = 0; t < threads; ++t)
                 team.emplace_back([&] {
-                    for (int i; (i = next++) < R;) {
-                        const int b = rows[static_cast<size_t>(order[static_cast<size_t>(i)])];
-                        std::copy(made[b].begin(), made[b].end(), maps[b].begin()), sum.finished(order[static_cast<size_t>(i)]);
-                    }
+                    for (int i; (i = next++) < R;) // made just before it is reported
+                        std::copy_n(&made[rows[order[i]] * P], P, &maps[rows[order[i]] * P]), sum.finished(order[i]);
                 });
             for (std::thread& t : team)
                 t.join();

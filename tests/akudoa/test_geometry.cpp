@@ -129,18 +129,14 @@ TEST_F(KernelTest, GeometryAndSensitivityFiles)
 // standard output (sent to stderr here, where the death test reads).
 // The threadsafe death test re-runs the test in a child, which makes its own
 // directory and leaves through exit(): the child removes it then.
-void removeAtExit(const std::string& dir)
-{
-    static std::string left;
-    left = dir, std::atexit([] { removeTree(left); });
-}
+std::string leaving;
 
 TEST_F(KernelTest, UnsupportedMicCountExits)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (int count : {32, 0}) {
         const std::string cfg = ini(cameraIni(count, 64, 4, 4, 3, -1, 0));
-        EXPECT_EXIT((dup2(STDERR_FILENO, STDOUT_FILENO), removeAtExit(dir_), AKUDoaKernel().init(cfg.c_str()), std::exit(3)), ::testing::ExitedWithCode(0),
+        EXPECT_EXIT((dup2(STDERR_FILENO, STDOUT_FILENO), leaving = dir_, std::atexit([] { removeTree(leaving); }), AKUDoaKernel().init(cfg.c_str()), std::exit(3)), ::testing::ExitedWithCode(0),
                     "please set correct mic number!!!$") << count;
     }
 }

@@ -86,7 +86,7 @@ TEST_F(V3Test, TablesAndTheirCacheFiles)
     EXPECT_TRUE(f.engine.focusDisUpdate());
     EXPECT_EQ(tableBytes(f), near15);
 
-    ::setenv("AKUDOA_CACHE_DIR", (cache_ + "missing/").c_str(), 1); // nothing saved, still built
+    useCache(cache_ + "missing/"); // nothing saved, still built
     V3 u(cfg);
     EXPECT_FALSE(u.engine.saveQuantizeParam());
     EXPECT_EQ(tableBytes(u), good);
