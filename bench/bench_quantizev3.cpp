@@ -152,9 +152,12 @@ void runFrames(benchmark::State& state, AKUDoaDot8Path path)
     }
     // The floor from passes interleaved with frames, so that both see the
     // same machine: the bandwidth of a shared machine moves by a third from
-    // one minute to the next.
+    // one minute to the next. The pass leaves nothing of the frame's own
+    // buffers in any cache, while in use a frame follows a frame: one frame
+    // runs untimed after each pass.
     std::vector<double> frames, floors;
     for (int k = 0; k < 15; ++k) {
+        g.engine->executeDOA(g.frame, g.bands, g.heat);
         const auto t0 = Clock::now();
         g.engine->executeDOA(g.frame, g.bands, g.heat);
         frames.push_back(seconds(t0, Clock::now()));
