@@ -500,11 +500,6 @@ void akudoa_planar_fft(AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const floa
     d->pending.clear();
 }
 
-void akudoa_planar_complete_spectra(AKUDoaQuantizeV3Private* d)
-{
-    d->pending.complete([d](int b, bool average) { akudoa_planar_spectrum_row(d, b, average); });
-}
-
 void AKUDoaQuantizeV3::matRowDotInt8(mat2d_uint8* fftQ, mat2d_uint8* steerQ, vec_fp32* factor, mat2d_fp32* out, int row)
 {
     akudoa_planar_dot_row(d, fftQ, steerQ, factor, out, row);
@@ -695,7 +690,8 @@ void AKUDoaQuantizeV3::setFocusRadiusMode(bool on)
 
 mat2d_fp32* AKUDoaQuantizeV3::getFFTMean()
 {
-    akudoa_planar_complete_spectra(d);
+    AKUDoaQuantizeV3Private* p = d;
+    p->pending.complete([p](int b, bool average) { akudoa_planar_spectrum_row(p, b, average); });
     return d->fftData;
 }
 

@@ -89,9 +89,6 @@ void akudoa_planar_window_fft(AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, con
 // summed with averaging) from the transformed channels, its scale and its
 // quantized row.
 void akudoa_planar_spectrum_row(AKUDoaQuantizeV3Private* d, int b, bool average);
-// Builds the fftData rows (and their quantization) that the last frame
-// left out; nothing when none are pending.
-void akudoa_planar_complete_spectra(AKUDoaQuantizeV3Private* d);
 // Every channel, then every row of fftData and its quantization.
 void akudoa_planar_fft(AKUDoaQuantizeV3Private* d, mat2d_fp32* frame, const float* win, bool average);
 // int8 beam sums of table row `row` (all pixels, or only the central square).

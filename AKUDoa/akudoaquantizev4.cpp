@@ -440,6 +440,12 @@ void AKUDoaQuantizeV4::updateFFTWin(float* window, int length)
 
 // Windows and transforms channel m of the frame (nothing for a channel the
 // frame does not have).
+// Bin b's rows of fftMean and binSpectra from the transformed channels.
+static void spectrumRow(AKUDoaQuantizeV4Private* d, int b, bool average)
+{
+    akudoa_spectrum_row(d->micSpectra->data, d->micNum, b, average, d->fftMean->data[b], d->binSpectra->data[b]);
+}
+
 static void channelFFT(AKUDoaQuantizeV4Private* d, mat2d_fp32* frame, int m)
 {
     if (m >= std::min(frame->rows, d->micNum))
@@ -461,7 +467,7 @@ void AKUDoaQuantizeV4::executeFFT(mat2d_fp32* frame)
         channelFFT(d, frame, m);
 #pragma omp parallel for schedule(static)
     for (int b = 0; b < d->binNum; ++b)
-        akudoa_spectrum_row(d->micSpectra->data, d->micNum, b, average, d->fftMean->data[b], d->binSpectra->data[b]);
+        spectrumRow(d, b, average);
     d->pending.clear();
 }
 
@@ -687,10 +693,8 @@ void AKUDoaQuantizeV4::executeDOA(mat2d_fp32* frame, AKUDoaFreqBands& bands, mat
         for (int m = 0; m < M; ++m)
             channelFFT(d, frame, m);
 #pragma omp for schedule(static)
-        for (int e = 0; e < count; ++e) {
-            const int b = rowsOf[static_cast<size_t>(e)];
-            akudoa_spectrum_row(d->micSpectra->data, M, b, average, d->fftMean->data[b], d->binSpectra->data[b]);
-        }
+        for (int e = 0; e < count; ++e)
+            spectrumRow(d, rowsOf[static_cast<size_t>(e)], average);
 #pragma omp for schedule(dynamic, 1)
         for (int e = 0; e < count; ++e) {
             imageBin(this, d, g, tables, rowsOf[static_cast<size_t>(e)], slot);
@@ -753,10 +757,7 @@ void AKUDoaQuantizeV4::setFocusRadiusMode(bool on)
 mat2d_fp32* AKUDoaQuantizeV4::getFFTMean()
 {
     AKUDoaQuantizeV4Private* p = d;
-    const int M = d->micNum;
-    d->pending.complete([p, M](int b, bool average) {
-        akudoa_spectrum_row(p->micSpectra->data, M, b, average, p->fftMean->data[b], p->binSpectra->data[b]);
-    });
+    d->pending.complete([p](int b, bool average) { spectrumRow(p, b, average); });
     return d->fftMean;
 }
 

@@ -78,13 +78,13 @@ float akudoa_bin_gain(const StCamCfg* cfg, int b)
     return b < AKUDOA_MAX_SENSITIVITY_BINS ? cfg->micSensitivity[b] : 1.0f;
 }
 
-void akudoa_add_row(float* heat, int p0, int p1, const float* in, float w)
+void akudoa_add_row(float* heat, int P, const float* in, float w)
 {
     const float32x4_t wv = vdupq_n_f32(w);
-    int p = p0;
-    for (; p + 4 <= p1; p += 4)
+    int p = 0;
+    for (; p + 4 <= P; p += 4)
         vst1q_f32(heat + p, vfmaq_f32(vld1q_f32(heat + p), vld1q_f32(in + p), wv));
-    for (; p < p1; ++p)
+    for (; p < P; ++p)
         heat[p] = std::fmaf(in[p], w, heat[p]);
 }
 
@@ -108,7 +108,7 @@ void AKUDoaOrderedSum::finished(int e)
         int n = next_.load();
         for (; n < count && done_[n].load(); ++n) {
             const int b = rows_[static_cast<size_t>(n)];
-            akudoa_add_row(heat_, 0, P_, maps_[b], cfg_ ? akudoa_bin_gain(cfg_, b) : 1.0f);
+            akudoa_add_row(heat_, P_, maps_[b], cfg_ ? akudoa_bin_gain(cfg_, b) : 1.0f);
         }
         next_.store(n);
         busy_.store(false);

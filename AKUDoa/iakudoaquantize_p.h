@@ -38,8 +38,8 @@ void akudoa_spectrum_row(const akudoa_fftwf_complex* const* spectra, int M, int 
 // Sensitivity gain of table row b (1 beyond the configured table).
 float akudoa_bin_gain(const StCamCfg* cfg, int b);
 
-// heat[p] = fma(in[p], w, heat[p]) for p0 <= p < p1: one row of an image sum.
-void akudoa_add_row(float* heat, int p0, int p1, const float* in, float w);
+// heat[p] = fma(in[p], w, heat[p]) for p < P: one row of an image sum.
+void akudoa_add_row(float* heat, int P, const float* in, float w);
 
 // The image of a frame: over the table rows `rows`, in their order, heat[p]
 // accumulates maps[b][p] times the row's gain (times 1 without a

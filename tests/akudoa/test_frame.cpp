@@ -80,7 +80,7 @@ TEST(PlanarFrame, ConcurrentRowsSumInBandOrder)
     std::generate(made.begin(), made.end(), [&] { return std::ldexp(static_cast<float>(rng() % 2001) - 1000.0f, -9); });
     std::iota(rows.begin(), rows.end(), 0), std::shuffle(rows.begin(), rows.end(), rng);
     for (int b : rows)
-        akudoa_add_row(plain.data(), 0, P, &made[static_cast<size_t>(b) * P], cfg.micSensitivity[b]);
+        akudoa_add_row(plain.data(), P, &made[static_cast<size_t>(b) * P], cfg.micSensitivity[b]);
     for (int threads : {1, 2, 4})
         for (int trial = 0; trial < 10; ++trial) {
             std::fill(maps.begin(), maps.end(), std::nanf("")), std::fill(heat.begin(), heat.end(), 1.0f);
